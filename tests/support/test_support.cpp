@@ -1,0 +1,36 @@
+#include "test_support.h"
+
+// Sanitizer builds: let an impossible allocation throw std::bad_alloc, as it does without ASan,
+// so that the tests of that path run the same either way.
+extern "C" const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+
+namespace vorn2test {
+
+std::string AnchorsDir()
+{
+    return VORN2_ANCHORS_DIR;
+}
+
+TMatrix<double> RandomMatrix(std::mt19937_64& engine, int rows, int cols)
+{
+    std::uniform_real_distribution<double> uniform(-1.0, 1.0);
+    TMatrix<double> a(rows, cols);
+    for (int c = 0; c < cols; ++c)
+        for (int r = 0; r < rows; ++r)
+            a(r, c) = uniform(engine);
+    return a;
+}
+
+TVector<double> RandomVector(std::mt19937_64& engine, int n)
+{
+    std::uniform_real_distribution<double> uniform(-1.0, 1.0);
+    TVector<double> v(n);
+    for (int i = 0; i < n; ++i)
+        v[i] = uniform(engine);
+    return v;
+}
+
+} // namespace vorn2test
