@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <unordered_set>
+#include <vector>
 
 namespace DataLayer {
 
@@ -14,20 +14,6 @@ constexpr double kMachineEpsilon = 2.220446049250313e-16;
 constexpr double kUniqueTolerance = 1e-6;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-/// Identity of a basis state (basic and nonbasic arrays in order) by two independent 64-bit hashes;
-/// two different states share both only with a chance of about 2^-128.
-struct StateKey
-{
-    std::uint64_t first;
-    std::uint64_t second;
-    bool operator==(const StateKey& other) const = default;
-};
-
-struct StateKeyHash
-{
-    std::size_t operator()(const StateKey& key) const { return static_cast<std::size_t>(key.first); }
-};
-
 std::uint64_t mix64(std::uint64_t z)
 {
     z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
@@ -35,25 +21,91 @@ std::uint64_t mix64(std::uint64_t z)
     return z ^ (z >> 31);
 }
 
+/// Identity of a basis state (basic and nonbasic arrays in order) by two independent 64-bit hashes,
+/// each a sum of one mixed term per (slot, variable) pair. Two different states share both only with
+/// a chance of about 2^-128. A pivot changes two slots, so the key is updated in constant time.
+struct StateKey
+{
+    std::uint64_t first = 0;
+    std::uint64_t second = 0;
+    bool operator==(const StateKey& other) const = default;
+
+    static std::uint64_t term(std::uint64_t seed, int slot, int variable)
+    {
+        return mix64(seed ^ ((static_cast<std::uint64_t>(static_cast<std::uint32_t>(slot)) << 32) |
+                             static_cast<std::uint32_t>(variable)));
+    }
+    void add(int slot, int variable)
+    {
+        first += term(0x243f6a8885a308d3ULL, slot, variable);
+        second += term(0x13198a2e03707344ULL, slot, variable);
+    }
+    void remove(int slot, int variable)
+    {
+        first -= term(0x243f6a8885a308d3ULL, slot, variable);
+        second -= term(0x13198a2e03707344ULL, slot, variable);
+    }
+};
+
+/// Slot numbers of the state: rows 0..m-1 for the basic array, m + k for nonbasic slot k.
 StateKey stateKey(const int* basic, int m, const int* nonbasic, int n)
 {
-    std::uint64_t fnv = 0xcbf29ce484222325ULL;
-    std::uint64_t poly = 0x243f6a8885a308d3ULL;
-    auto add = [&](int value) {
-        const auto v = static_cast<std::uint32_t>(value);
-        for (int shift = 0; shift < 32; shift += 8) {
-            fnv ^= (v >> shift) & 0xffU;
-            fnv *= 0x100000001b3ULL;
-        }
-        poly = poly * 0x9e3779b97f4a7c15ULL + mix64(v + 0x632be59bd9b4e019ULL);
-    };
+    StateKey key;
     for (int i = 0; i < m; ++i)
-        add(basic[i]);
-    add(-1); // separates the two arrays
+        key.add(i, basic[i]);
     for (int k = 0; k < n; ++k)
-        add(nonbasic[k]);
-    return {fnv, mix64(poly)};
+        key.add(m + k, nonbasic[k]);
+    return key;
 }
+
+/// The set of visited state keys: open addressing with linear probing in a table of a power of two
+/// slots, at most half full. Key (0, 0) marks an empty slot; a real key of that value is remapped.
+class VisitedStates
+{
+public:
+    /// Records key; false if it was already there.
+    bool Insert(StateKey key)
+    {
+        if (key == StateKey{})
+            key.second = 1;
+        if (2 * (count + 1) > table.size())
+            grow();
+        if (!place(table, key))
+            return false;
+        ++count;
+        return true;
+    }
+    void Clear()
+    {
+        table.clear();
+        count = 0;
+    }
+
+private:
+    static bool place(std::vector<StateKey>& slots, const StateKey& key)
+    {
+        const std::size_t mask = slots.size() - 1;
+        for (std::size_t at = key.first & mask;; at = (at + 1) & mask) {
+            if (slots[at] == key)
+                return false;
+            if (slots[at] == StateKey{}) {
+                slots[at] = key;
+                return true;
+            }
+        }
+    }
+    void grow()
+    {
+        std::vector<StateKey> larger(table.empty() ? 64 : 2 * table.size());
+        for (const StateKey& key : table)
+            if (!(key == StateKey{}))
+                place(larger, key);
+        table.swap(larger);
+    }
+
+    std::vector<StateKey> table;
+    std::size_t count = 0;
+};
 
 /// col[i] -= trj * fac[i] / p for i in [begin, end), in exactly this evaluation order.
 void updateColumn(double* __restrict col, const double* __restrict fac, double trj, double p, int begin,
@@ -442,8 +494,9 @@ void CLPSolver::simplex(bool initialize)
         return;
     }
     TVector<double> ratios(m);
-    std::unordered_set<StateKey, StateKeyHash> visited;
-    visited.insert(stateKey(basic, m, nonbasic, n));
+    VisitedStates visited;
+    StateKey key = stateKey(basic, m, nonbasic, n);
+    visited.Insert(key);
     bool bland = false;
     long long blandPivots = 0;
     const long long blandCap = 50LL * (m + n) + 1000;
@@ -457,14 +510,27 @@ void CLPSolver::simplex(bool initialize)
             return;
         }
         status = LPPivoting;
-        if (bland && blandPivots >= blandCap)
-            return;
-        pivot(leaving, entering);
         if (bland) {
-            ++blandPivots;
-        } else if (!visited.insert(stateKey(basic, m, nonbasic, n)).second) {
+            if (blandPivots++ >= blandCap)
+                return;
+            pivot(leaving, entering);
+            continue;
+        }
+        // The pivot swaps leaving (row r) and entering (nonbasic slot k): update the key by them.
+        int r = 0;
+        while (basic[r] != leaving)
+            ++r;
+        int k = 0;
+        while (nonbasic[k] != entering)
+            ++k;
+        pivot(leaving, entering);
+        key.remove(r, leaving);
+        key.add(r, entering);
+        key.remove(m + k, entering);
+        key.add(m + k, leaving);
+        if (!visited.Insert(key)) {
             bland = true; // the first rule would repeat this cycle forever
-            visited = {};
+            visited.Clear();
         }
     }
 }
