@@ -26,6 +26,9 @@
 // - A without rows is the program max c^T x over x >= 0: LPOptimal at x = 0 when no c is positive,
 //   otherwise LPUnbounded.
 // - Zeros of the solution and the slack are returned as +0.0.
+// - Entries so large that the pivots overflow give meaningless numbers, but Run() still returns.
+// - Besides the ratio vector, each simplex loop allocates a table of visited-state keys (a few dozen
+//   bytes per pivot, grown by doubling).
 // - The pivot skips the update of a column whose pivot-row entry is exactly 0.0; for finite tableau
 //   entries x - (0 * y) / p equals x, so this changes no value (at most the sign of a zero, which no
 //   comparison of the solver sees and the results never show).

@@ -638,6 +638,18 @@ TEST(CLPSolver, ProgramWithoutRowsIsOptimalAtZeroOrUnbounded)
     EXPECT_EQ(empty.GetSolution(nullptr).Size(), 0);
 }
 
+TEST(CLPSolver, OverflowingPivotsStillEndTheRun)
+{
+    // Entries near the top of the double range overflow to infinity and NaN within a pivot or two;
+    // the verdict is meaningless then, but the run must come back with a final status.
+    const double big = 1e308;
+    CLPSolver lp(makeMatrix(3, 3, {big, -big, 1e-300, -big, big, big, 1e-300, big, -big}),
+                 makeVector({big, 0, -big}), makeVector({big, big, -1e-300}));
+    const bool ran = lp.Run();
+    EXPECT_NE(lp.GetStatus(), CLPSolver::LPNotRun);
+    EXPECT_EQ(ran, lp.GetStatus() == CLPSolver::LPOptimal || lp.GetStatus() == CLPSolver::LPUnbounded);
+}
+
 TEST(CLPSolver, SecondRunRepeatsTheVerdictWithoutPivoting)
 {
     CLPSolver lp(makeMatrix(3, 2, {1, 0, 0, 2, 3, 2}), makeVector({4, 12, 18}), makeVector({3, 5}));
