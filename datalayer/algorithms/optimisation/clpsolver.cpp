@@ -132,8 +132,7 @@ CLPSolver::CLPSolver(const TMatrix<double>& A, const TVector<double>& b_, const 
     wellFormed = A.Rows() >= 0 && A.Cols() >= 0 && b_.Size() == m && c_.Size() == n &&
                  allFinite(A.Data(), static_cast<long long>(m) * n) && allFinite(b_.Data(), m) &&
                  allFinite(c_.Data(), n);
-    basic = new int[m > 0 ? m : 1]();
-    nonbasic = new int[nonbasicCapacity]();
+    allocateIndexArrays();
     if (m > 0 && n > 0 && A.Data())
         std::memcpy(tableau.Data(), A.Data(), sizeof(double) * static_cast<std::size_t>(m) * n);
     for (int i = 0; i < m; ++i)
@@ -150,10 +149,20 @@ CLPSolver::CLPSolver(const CLPSolver& other)
     : m(other.m), n(other.n), nonbasic(nullptr), basic(nullptr), tableau(other.tableau), b(other.b),
       c(other.c), status(other.status), nonbasicCapacity(other.nonbasicCapacity), wellFormed(other.wellFormed)
 {
-    basic = new int[m > 0 ? m : 1]();
-    nonbasic = new int[nonbasicCapacity]();
+    allocateIndexArrays();
     std::memcpy(basic, other.basic, sizeof(int) * static_cast<std::size_t>(m));
     std::memcpy(nonbasic, other.nonbasic, sizeof(int) * static_cast<std::size_t>(nonbasicCapacity));
+}
+
+void CLPSolver::allocateIndexArrays()
+{
+    basic = new int[m > 0 ? m : 1]();
+    try {
+        nonbasic = new int[nonbasicCapacity]();
+    } catch (...) {
+        delete[] basic;
+        throw;
+    }
 }
 
 CLPSolver& CLPSolver::operator=(const CLPSolver& other)

@@ -70,6 +70,7 @@ public:
     TVector<double> GetSlack() const;
 
 private:
+    void allocateIndexArrays();
     TVector<double> getBasicSolution() const;
     bool initializeSimplex();
     void pivot(int leaving, int entering);
