@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -5,6 +6,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -441,6 +443,24 @@ TEST(THashMap, WithoutAutoRehashBucketsStayUntilAnExplicitLoadCheck)
         ASSERT_TRUE(map.Find(k) == map.end());
 }
 
+TEST(THashMap, ExplicitRehashToTheCurrentCountStillRelinksAndReversesChains)
+{
+    // With the identity hash, 0, 17 and 34 share bucket 0 of 17.
+    THashMap<unsigned long long, int> map;
+    map.SetAutoRehash(false);
+    for (unsigned long long k : {0ull, 17ull, 34ull})
+        map.Insert(k, 0);
+    std::vector<unsigned long long> order;
+    for (const auto& e : map)
+        order.push_back(e.key);
+    EXPECT_EQ(order, (std::vector<unsigned long long>{34, 17, 0})) << "new elements go to the chain head";
+    map.Rehash(17);
+    order.clear();
+    for (const auto& e : map)
+        order.push_back(e.key);
+    EXPECT_EQ(order, (std::vector<unsigned long long>{0, 17, 34}));
+}
+
 TEST(THashMap, ExplicitRehashThatCannotAllocateThrowsAndKeepsTheTable)
 {
     IdMap map;
@@ -646,14 +666,19 @@ TEST(THashMap, CopiesHaveTheSameBucketsOrderAndSettingsAndAreDeep)
 
 TEST(THashMap, MoveTakesTheContentsAndLeavesAnEmptyUsableSource)
 {
+    static_assert(std::is_nothrow_move_constructible_v<IdMap> && std::is_nothrow_move_assignable_v<IdMap>);
+    static_assert(std::is_nothrow_default_constructible_v<IdMap>);
     IdMap source;
     for (unsigned long long k = 0; k < 100; ++k)
         source.Insert(k, static_cast<int>(k));
+    source.SetAutoRehash(false);
     const auto order = MapOrder(source);
     const auto buckets = source.BucketCount();
     const IdMap::HElement* firstNode = &*source.begin();
 
     IdMap target(std::move(source));
+    EXPECT_FALSE(target.GetAutoRehash());
+    EXPECT_FALSE(source.GetAutoRehash()) << "the source keeps its own setting";
     EXPECT_EQ(MapOrder(target), order);
     EXPECT_EQ(target.BucketCount(), buckets);
     EXPECT_EQ(&*target.begin(), firstNode) << "nodes are taken over, not copied";
