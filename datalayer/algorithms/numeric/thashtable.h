@@ -14,8 +14,9 @@
 // Ownership: the table owns its elements, bucket array and pool; copies are deep and iterate in the
 // same order. One thread at a time.
 // Decisions where the behaviour was open:
-// - An empty table made by the default constructor, left by a move or cleared holds no memory until
-//   its first insertion, which keeps construction and moves noexcept; it reports 17 buckets.
+// - An empty table made by the default constructor, left by a move, or cleared with the check on
+//   holds no memory until its first insertion (construction and moves are noexcept); it reports
+//   17 buckets.
 // - A moved-from table keeps its own m_autoRehash flag; the target keeps its own random generator.
 // - Rehash(n) for n equal to the current count still rebuilds the chains (and so reverses them).
 // - Insert gives the strong guarantee: if the pool throws LbExceptionContainer, the bucket array
@@ -286,8 +287,9 @@ public:
 
     ~THashTable()
     {
+        // Clear with the check off, minus the zeroing of an array that goes anyway.
         m_autoRehash = false;
-        Clear();
+        destroyElements();
         delete[] m_buckets;
     }
 
@@ -325,24 +327,19 @@ public:
     void Clear() noexcept
     {
         if (m_buckets) {
-            if constexpr (!std::is_trivially_destructible_v<HElement>) {
-                for (std::uint64_t b = 0; b < m_bucketCount; ++b)
-                    for (HElement* e = m_buckets[b]; e;) {
-                        HElement* next = e->next;
-                        e->~HElement();
-                        e = next;
-                    }
+            destroyElements();
+            if (m_autoRehash) {
+                // Rehash(17) of an empty table: the array is made again at the next insertion.
+                delete[] m_buckets;
+                m_buckets = nullptr;
+            } else {
+                std::fill(m_buckets, m_buckets + m_bucketCount, nullptr);
             }
-            std::fill(m_buckets, m_buckets + m_bucketCount, nullptr);
         }
         m_count = 0;
         m_pool.reset();
-        if (m_autoRehash && m_bucketCount != m_ciInitialBucketCount) {
-            // Rehash(17) of an empty table: the array is made again at the next insertion.
-            delete[] m_buckets;
-            m_buckets = nullptr;
+        if (m_autoRehash && m_bucketCount != m_ciInitialBucketCount)
             setBucketCount(m_ciInitialBucketCount);
-        }
     }
 
     /// count 0 runs the load check; any other count sets exactly that many buckets and relinks all
@@ -499,15 +496,28 @@ private:
         }
     }
 
+    // Runs the destructor of every element; chains and pool are left as they are.
+    void destroyElements() noexcept
+    {
+        if constexpr (!std::is_trivially_destructible_v<HElement>) {
+            if (m_buckets)
+                for (std::uint64_t b = 0; b < m_bucketCount; ++b)
+                    for (HElement* e = m_buckets[b]; e;) {
+                        HElement* next = e->next;
+                        e->~HElement();
+                        e = next;
+                    }
+        }
+    }
+
     // Destroys every element and frees bucket array and pool; leaves the empty 17-bucket state.
     void destroyAll() noexcept
     {
-        const bool autoRehash = m_autoRehash;
-        m_autoRehash = false;
-        Clear();
-        m_autoRehash = autoRehash;
+        destroyElements();
         delete[] m_buckets;
         m_buckets = nullptr;
+        m_count = 0;
+        m_pool.reset();
         setBucketCount(m_ciInitialBucketCount);
     }
 
