@@ -166,7 +166,8 @@ TEST(TMatrix, ResizeKeepsValuesOnSameShapeAndZeroesAnyOtherShape)
 
 TEST(TMatrix, AllocationWhoseByteCountOverflowsThrowsBadAlloc)
 {
-    // (2^31 - 1)^2 elements of 4 or 8 bytes exceed the 64-bit address space.
+    // (2^31 - 1)^2 doubles overflow a 64-bit byte count; as many floats come within 2^34 bytes of
+    // it. Neither can be had.
     EXPECT_THROW(TMatrix<double>(INT_MAX, INT_MAX), std::bad_alloc);
     EXPECT_THROW(TMatrix<float>(INT_MAX), std::bad_alloc);
     TMatrix<double> a = Labelled(2, 2);
