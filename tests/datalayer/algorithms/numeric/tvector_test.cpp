@@ -153,6 +153,17 @@ TEST(TVector, ElementwiseArithmeticMatchesEigen)
     EXPECT_EQ(ToEigen(a / 3.0), ea / 3.0);
 }
 
+TEST(TVector, ScalarOnTheLeftConvertsLikeScalarOnTheRight)
+{
+    const TVector<double> a = MakeVector<double>({1.5, -2});
+    const TVector<double> left = 2 * a; // an int literal, converted as for a * 2
+    const TVector<double> right = a * 2;
+    EXPECT_EQ(left[0], 3.0);
+    EXPECT_EQ(left[1], right[1]);
+    const TVector<float> f = 0.5 * MakeVector<float>({4, 8});
+    EXPECT_EQ(f[1], 4.0f);
+}
+
 TEST(TVector, SizeOfFirstOperandDrivesElementwiseLoops)
 {
     const TVector<int> a = MakeVector<int>({1, 2});
