@@ -8,7 +8,8 @@
 // A is destroyed by lssolve, svd, qrp and qrp_kernel: the caller copies first if it needs A again.
 // Failures are a false result (qrp_kernel: an empty matrix); nothing throws but new[], and nothing
 // logs. Shapes are checked where stated below; a mismatch returns false before LAPACK is called
-// and leaves every argument as it was. An empty problem (m or n of 0) is refused with false.
+// and leaves every argument as it was. lssolve, svd, qrp and qrp_kernel refuse an empty problem
+// (m or n of 0) with false; cholesky of a 0 x 0 matrix succeeds with nothing to factor.
 
 #include "datalayer/algorithms/numeric/cpmatrix.h"
 #include "datalayer/algorithms/numeric/tmatrix.h"
@@ -16,10 +17,12 @@
 
 namespace DataLayer::lapack {
 
-/// Minimum-norm least-squares solution of A x = b through the SVD (xGELSS, RCOND -1: machine
-/// precision decides the rank, so a rank-deficient A is no failure). A is m x n, b has m entries,
-/// x must already have n entries. If cond is not null it receives S[0] / S[min(m, n) - 1] (infinite
-/// for a singular A). Returns false (x and cond untouched) on a size mismatch or LAPACK failure.
+/// Minimum-norm least-squares solution of A x = b through the SVD (xGELSS, RCOND -1: singular
+/// values up to eps * S[0] count as zero, so a rank-deficient A is no failure; a deficiency that
+/// rounding lifts just above that cut is solved as full rank). A is m x n, b has m entries, x must
+/// already have n entries. If cond is not null it receives S[0] / S[min(m, n) - 1] (infinite or
+/// very large for a singular A, NaN for an all-zero A, whose solution is zero). Returns false (x
+/// and cond untouched) on a size mismatch or LAPACK failure.
 bool lssolve(TMatrix<double>& A, const TVector<double>& b, TVector<double>& x, double* cond);
 bool lssolve(TMatrix<float>& A, const TVector<float>& b, TVector<float>& x, float* cond);
 

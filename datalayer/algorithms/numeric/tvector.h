@@ -10,6 +10,8 @@
 // An allocation whose byte count overflows asks new[] for the largest size and so fails with
 // std::bad_alloc.
 
+#include <type_traits>
+
 namespace DataLayer::detail {
 /// Allocates count zero-initialised elements; null when count is below 1. A count whose byte
 /// size overflows requests the largest possible size, which throws std::bad_alloc.
@@ -61,7 +63,9 @@ private:
     T* m_data = nullptr;
 };
 
-template <typename T> TVector<T> operator*(T s, const TVector<T>& a)
+/// s * a, the same as a * s. The scalar is not deduced, so that 2 * v works like v * 2 for a vector
+/// of double.
+template <typename T> TVector<T> operator*(std::type_identity_t<T> s, const TVector<T>& a)
 {
     return a * s;
 }
