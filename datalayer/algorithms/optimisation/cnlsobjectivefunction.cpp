@@ -6,6 +6,7 @@
 #include <limits>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "datalayer/algorithms/numeric/cpmatrix.h"
 #include "datalayer/algorithms/numeric/lapack.h"
@@ -423,13 +424,41 @@ bool CNLSObjectiveFunction::IsBounded(int index) const
         return false;
     if (!IsVariable(index))
         return true;
-    if (inequalitiesRHS.Size() == 0 || inequalitiesLHS.Cols() != numParams)
+    const int rows = inequalitiesRHS.Size();
+    if (rows == 0 || inequalitiesLHS.Rows() != rows || inequalitiesLHS.Cols() != numParams)
         return false;
+
+    // The program refuses non-finite input, so settle those rows here: a right-hand side of
+    // +infinity constrains nothing and is left out, one of -infinity (with finite coefficients)
+    // can't be met, and any other non-finite entry leaves the range unknown: not bounded.
+    std::vector<int> kept;
+    for (int r = 0; r < rows; ++r) {
+        bool finiteRow = true;
+        for (int c = 0; c < numParams; ++c)
+            finiteRow = finiteRow && std::isfinite(inequalitiesLHS(r, c));
+        const double b = inequalitiesRHS[r];
+        if (!finiteRow || std::isnan(b))
+            return false;
+        if (b == -kInf)
+            return true;
+        if (b != kInf)
+            kept.push_back(r);
+    }
+    if (kept.empty())
+        return false;
+    const int m = static_cast<int>(kept.size());
+    TMatrix<double> A(m, numParams);
+    TVector<double> b(m);
+    for (int r = 0; r < m; ++r) {
+        for (int c = 0; c < numParams; ++c)
+            A(r, c) = inequalitiesLHS(kept[r], c);
+        b[r] = inequalitiesRHS[kept[r]];
+    }
 
     // Maximise +x[index], then -x[index], over the inequality rows (and x >= 0).
     TVector<double> c(numParams);
     c[index] = 1.0;
-    CLPSolver up(inequalitiesLHS, inequalitiesRHS, c);
+    CLPSolver up(A, b, c);
     up.Run();
     const CLPSolver::LPStatusType status = up.GetStatus();
     if (status == CLPSolver::LPInfeasible || status == CLPSolver::LPNotRun)
@@ -437,7 +466,7 @@ bool CNLSObjectiveFunction::IsBounded(int index) const
     if (status == CLPSolver::LPUnbounded)
         return false;
     c[index] = -1.0;
-    CLPSolver down(inequalitiesLHS, inequalitiesRHS, c);
+    CLPSolver down(A, b, c);
     down.Run();
     return down.GetStatus() != CLPSolver::LPUnbounded;
 }

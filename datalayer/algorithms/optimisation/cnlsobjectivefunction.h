@@ -24,7 +24,9 @@
 //   while stored inequality rows have a width other than N: no effect.
 // - SetEqualities/SetInequalities with A.Rows() != b.Size(), or rows whose width isn't N: no effect.
 // - IsVariable and IsBounded of an index outside 0..N-1: false (so IsConstant and IsUnbounded are
-//   true). IsBounded also gives false when the stored inequality rows don't have N columns.
+//   true). IsBounded also gives false when the stored inequality rows don't have N columns. Rows
+//   with a right-hand side of +infinity are left out of its probe, one of -infinity makes the
+//   system infeasible (bounded), and any other non-finite entry gives false.
 // - BuildParamsFromFree with a z of other than F entries: N NaNs. The base Jacobian with such a z:
 //   M x F NaNs, without calling Error().
 // - errorFDDerivatives with an order outside 1..6, an index outside x, or a step that is 0 or not
