@@ -678,6 +678,14 @@ TEST(CNLSObjectiveFunction, ZeroJacobianColumnGivesInfiniteRowAndColumn)
     f.getCovariance(A, singular, 1e-12);
     EXPECT_EQ(Ints(singular), (std::vector<int>{2}));
 
+    // A dependent parameter takes nothing from a free variable it doesn't follow: x0 = x1 keeps a
+    // finite variance although x2's is infinite.
+    ASSERT_TRUE(f.AddEquality(Vec({1, -1, 0}), 0.0));
+    const TMatrix<double> P = f.GetCovariance(Vec({0, 0, 0}), 1e-12);
+    EXPECT_TRUE(std::isfinite(P(0, 0)) && std::isfinite(P(0, 1)));
+    EXPECT_EQ(P(0, 0), P(1, 1));
+    EXPECT_TRUE(P(0, 2) == kInf && P(2, 0) == kInf);
+
     // Without pivoting the inverse stops at the first negligible diagonal: a zero column in the
     // middle makes every later column infinite too.
     const TMatrix<double> B = Mat({{1, 0, 2}, {2, 0, 1}, {0, 0, 1}, {1, 0, -1}});
