@@ -3,6 +3,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <limits>
+#include <new>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -593,6 +594,10 @@ TEST(CNLSObjectiveFunction, CovarianceWithoutMeasurementsIsInfinite)
     ASSERT_TRUE(f.AddEquality(0, 1.0));
     ExpectExact(f.GetCovariance(Vec({1, 2, 3}), 1e-12),
                 Mat({{kInf, kInf, kInf}, {kInf, kInf, kInf}, {kInf, kInf, kInf}}));
+    f.SetNumMeasurements(-2); // a negative count acts as 0
+    EXPECT_EQ(f.GetCovariance(Vec({1, 2, 3}), 1e-12)(1, 2), kInf);
+    EXPECT_EQ(f.Jacobian(Vec({0, 0})).Rows(), 0);
+    EXPECT_EQ(f.StdDev().Size(), 0);
 }
 
 TEST(CNLSObjectiveFunction, WeightedCovarianceMatchesDirectInverse)
@@ -815,6 +820,8 @@ TEST(CNLSObjectiveFunction, SetNumParamsResetsKernelButKeepsStoredRows)
     f.SetEqualities(TMatrix<double>(0, 4), TVector<double>());
     EXPECT_TRUE(f.AddEquality(0, 1.0));
 
+    EXPECT_THROW(f.SetNumParams(2147483647u), std::bad_alloc); // K can't have INT_MAX + 1 columns
+    EXPECT_EQ(f.GetNumParams(), 4);
     f.SetNumParams(0); // only the count changes
     EXPECT_EQ(f.GetNumParams(), 0);
     EXPECT_EQ(f.GetEqualityConstraintsKernel().Rows(), 4);
