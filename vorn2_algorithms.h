@@ -1,14 +1,38 @@
 #pragma once
 // Umbrella header of the Vorn2 algorithms library: includes every public header.
+// A test keeps this list complete; add each new public header here.
 
 // Platform stand-ins and base types
+#include "core/base/lbarray.h"
 #include "core/base/lbexception.h"
+#include "core/base/lbmatrix.h"
+#include "core/base/lbvector.h"
 #include "core/base/vorn2_debug.h"
 #include "core/base/vornexception.h"
+#include "core/framework/carchive.h"
+#include "core/framework/carray.h"
+#include "core/framework/cevent.h"
+#include "core/framework/cpoint.h"
+#include "core/framework/csize.h"
+#include "core/framework/globalmemory.h"
+#include "core/framework/ptinrect.h"
+#include "core/logging/clogger.h"
+#include "core/plexpool/inoncopyable.h"
+#include "core/plexpool/lbcriticalsectionpolicy.h"
+#include "core/plexpool/lbplexmanager.h"
 
 // Numeric core
+#include "datalayer/algorithms/numeric/cfnv1ahash.h"
 #include "datalayer/algorithms/numeric/cpmatrix.h"
 #include "datalayer/algorithms/numeric/lapack.h"
+#include "datalayer/algorithms/numeric/thashmap.h"
+#include "datalayer/algorithms/numeric/thashmem.h"
+#include "datalayer/algorithms/numeric/thashset.h"
+#include "datalayer/algorithms/numeric/thashtable.h"
 #include "datalayer/algorithms/numeric/tmatrix.h"
 #include "datalayer/algorithms/numeric/tpermutation.h"
 #include "datalayer/algorithms/numeric/tvector.h"
+
+// Optimisation
+#include "datalayer/algorithms/optimisation/clpsolver.h"
+#include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"

@@ -1,0 +1,13 @@
+# Fails when a public header under core/ or datalayer/ is missing from the umbrella header.
+file(READ ${SOURCE_DIR}/vorn2_algorithms.h umbrella)
+file(GLOB_RECURSE headers RELATIVE ${SOURCE_DIR} ${SOURCE_DIR}/core/*.h ${SOURCE_DIR}/datalayer/*.h)
+set(missing "")
+foreach(h IN LISTS headers)
+  string(FIND "${umbrella}" "#include \"${h}\"" at)
+  if(at EQUAL -1)
+    list(APPEND missing ${h})
+  endif()
+endforeach()
+if(missing)
+  message(FATAL_ERROR "not in vorn2_algorithms.h: ${missing}")
+endif()
