@@ -48,8 +48,7 @@ bool linearProgramDemo()
     bool unique = false;
     const TVector<double> x = solver.GetSolution(&unique);
     const TVector<double> slack = solver.GetSlack();
-    std::printf("  status: %s%s\n", statusName(solver.GetStatus()),
-                ran && unique ? " (unique optimum)" : "");
+    std::printf("  status: %s%s\n", statusName(solver.GetStatus()), ran && unique ? " (unique optimum)" : "");
     if (!ran || x.Size() != 2 || slack.Size() != 3)
         return false;
     std::printf("  x = (%g, %g)   objective = %g   slack = (%g, %g, %g)\n\n", x[0], x[1], Dot(c, x), slack[0],
@@ -76,7 +75,8 @@ bool leastSquaresDemo()
     double cond = 0.0;
 
     std::printf("Least squares (minimum-norm solution through the SVD)\n");
-    std::printf("  fit y = a + b t + c t^2 to %d samples of 1 + 2 t - 0.5 t^2 with a small disturbance\n", samples);
+    std::printf("  fit y = a + b t + c t^2 to %d samples of 1 + 2 t - 0.5 t^2 with a small disturbance\n",
+                samples);
     if (!DataLayer::lapack::lssolve(A, y, coefficients, &cond)) {
         std::printf("  the solve failed\n");
         return false;
@@ -87,12 +87,18 @@ bool leastSquaresDemo()
     return true;
 }
 
-} // namespace
-
-int RunDemo()
+int runDemo()
 {
     std::printf("Vorn2 Algorithms: the numeric core on two small problems\n\n");
     const bool lp = linearProgramDemo();
     const bool ls = leastSquaresDemo();
     return lp && ls ? 0 : 1;
+}
+
+} // namespace
+
+VornCommand AddDemoCommand(CLI::App& app)
+{
+    CLI::App* sub = app.add_subcommand("demo", "Show the library at work on a small built-in problem");
+    return {sub, runDemo};
 }

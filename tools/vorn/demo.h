@@ -1,5 +1,5 @@
 #pragma once
 // `vorn demo`: shows the library at work on a small built-in problem and prints the results.
+#include "command.h"
 
-/// Runs the demo, writing to stdout; returns the process exit code.
-int RunDemo();
+VornCommand AddDemoCommand(CLI::App& app);

@@ -1,7 +1,11 @@
 // vorn: the Vorn2 algorithms library on the command line.
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 #include <string>
+#include <vector>
 
+#include "command.h"
 #include "demo.h"
 
 int main(int argc, char** argv)
@@ -9,7 +13,9 @@ int main(int argc, char** argv)
     CLI::App app{"vorn: the Vorn2 algorithms library on the command line"};
     app.set_version_flag("--version", std::string("vorn ") + VORN2_VERSION);
     app.require_subcommand(1);
-    CLI::App* demo = app.add_subcommand("demo", "Show the library at work on a small built-in problem");
+    const std::vector<VornCommand> commands = {
+        AddDemoCommand(app),
+    };
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -17,7 +23,15 @@ int main(int argc, char** argv)
         const int code = app.exit(e);
         return code == 0 ? 0 : 2;
     }
-    if (demo->parsed())
-        return RunDemo();
+    for (const VornCommand& command : commands) {
+        if (!command.subcommand->parsed())
+            continue;
+        try {
+            return command.run();
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "vorn %s: %s\n", command.subcommand->get_name().c_str(), e.what());
+            return 2;
+        }
+    }
     return 2;
 }
