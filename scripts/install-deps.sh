@@ -8,10 +8,12 @@ packages=(
   g++ cmake ninja-build make pkg-config
   # library dependencies
   liblapack-dev libblas-dev
+  # image files for the tool, the tests and the benchmarks (never needed by a client)
+  libpng-dev libjpeg62-turbo-dev libtiff-dev
   # tests, tool and benchmarks (never needed by a client of the library)
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   # independent oracles and benchmark peers
-  libeigen3-dev libglpk-dev
+  libeigen3-dev libglpk-dev libgsl-dev libcminpack-dev libboost-graph-dev libopencv-dev
 )
 
 missing=()
