@@ -34,5 +34,6 @@
 #include "datalayer/algorithms/numeric/tvector.h"
 
 // Optimisation
+#include "datalayer/algorithms/optimisation/cdoptimaldesign.h"
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
