@@ -37,3 +37,4 @@
 #include "datalayer/algorithms/optimisation/cdoptimaldesign.h"
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
+#include "datalayer/algorithms/optimisation/ctspsolver.h"
