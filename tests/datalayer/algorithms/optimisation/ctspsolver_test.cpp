@@ -103,7 +103,128 @@ std::vector<int> expectedStartOrder(int n)
     return order;
 }
 
+// The solver written out step by step from its description, with no shortcut: one shuffle, a
+// nearest-neighbour tour on a destroyed copy of the matrix, best-exchange 2-opt sweeps over all pairs,
+// strict comparisons everywhere. The 2-opt gain is (D(a,c) + D(b,d)) - (D(a,b) + D(c,d)).
+struct LiteralSolver
+{
+    std::mt19937_64 engine{47110518};
+
+    std::vector<int> greedy(TMatrix<double> W, int start) const
+    {
+        const int n = W.Rows();
+        std::vector<int> tour(static_cast<std::size_t>(n));
+        tour[0] = start;
+        int cur = start;
+        for (int position = 1; position < n; ++position) {
+            for (int i = 0; i < n; ++i)
+                W(cur, i) = kInf;
+            int next = 0;
+            double nearest = kInf;
+            for (int j = 0; j < n; ++j)
+                if (W(j, cur) < nearest) {
+                    nearest = W(j, cur);
+                    next = j;
+                }
+            tour[static_cast<std::size_t>(position)] = next;
+            cur = next;
+        }
+        return tour;
+    }
+
+    void twoOpt(const TMatrix<double>& D, std::vector<int>& t) const
+    {
+        const int n = static_cast<int>(t.size());
+        for (;;) {
+            double bestDelta = 0.0;
+            int bi = -1;
+            int bk = -1;
+            for (int i = 0; i <= n - 3; ++i) {
+                const int a = t[static_cast<std::size_t>(i == 0 ? n - 1 : i - 1)];
+                const int b = t[static_cast<std::size_t>(i)];
+                for (int k = i + 2; k < n; ++k) {
+                    const int c = t[static_cast<std::size_t>(k - 1)];
+                    const int d = t[static_cast<std::size_t>(k)];
+                    const double delta = (D(a, c) + D(b, d)) - (D(a, b) + D(c, d));
+                    if (bestDelta > delta) {
+                        bestDelta = delta;
+                        bi = i;
+                        bk = k;
+                    }
+                }
+            }
+            if (!(bestDelta < 0.0))
+                return;
+            std::reverse(t.begin() + bi, t.begin() + bk);
+        }
+    }
+
+    std::vector<int> solve(const TMatrix<double>& D, int starts, double& length)
+    {
+        const int n = D.Rows();
+        std::vector<int> order(static_cast<std::size_t>(n));
+        std::iota(order.begin(), order.end(), 0);
+        for (int i = 0; i + 1 < n; ++i) {
+            const double u = std::generate_canonical<double, 53>(engine);
+            std::swap(order[static_cast<std::size_t>(i)],
+                      order[static_cast<std::size_t>(i + std::floor(u * (n - i)))]);
+        }
+        double best = kInf;
+        std::vector<int> bestTour;
+        for (int k = 0; k < starts; ++k) {
+            std::vector<int> tour = greedy(D, order[static_cast<std::size_t>(k)]);
+            twoOpt(D, tour);
+            double l = D(tour.back(), tour.front()); // the closing edge first, then the path in order
+            for (std::size_t i = 1; i < tour.size(); ++i)
+                l += D(tour[i - 1], tour[i]);
+            if (best > l) {
+                best = l;
+                bestTour = tour;
+            }
+        }
+        length = best;
+        return bestTour;
+    }
+};
+
 } // namespace
+
+// The solver must give exactly the tours of the literal procedure, ties included: integer
+// coordinates on a small grid with rounded distances make many equal distances and equal gains.
+TEST(CTSPSolver, MatchesTheLiteralProcedureTourForTour)
+{
+    for (std::uint64_t seed = 1; seed <= 4; ++seed) {
+        for (int n : {6, 23, 64, 97}) {
+            std::mt19937_64 engine(seed * 31 + n);
+            std::uniform_int_distribution<int> coordinate(0, 12);
+            TMatrix<double> grid(n, 2);
+            for (int i = 0; i < n; ++i) {
+                grid(i, 0) = coordinate(engine);
+                grid(i, 1) = coordinate(engine);
+            }
+            TMatrix<double> roundedDistances = CTSPSolver::computeDistances(grid);
+            for (int c = 0; c < n; ++c)
+                for (int r = 0; r < n; ++r)
+                    roundedDistances(r, c) = std::floor(roundedDistances(r, c) + 0.5);
+            const TMatrix<double>& rounded = roundedDistances;
+            const TMatrix<double> real = CTSPSolver::computeDistances(randomPoints(seed * 57 + n, n));
+            for (const TMatrix<double>* D : {&rounded, &real}) {
+                CTSPSolver solver;
+                LiteralSolver literal;
+                for (int starts :
+                     {1, 5, std::min(n, 40)}) { // successive calls also check that the engine advances alike
+                    double length = 0.0;
+                    double expectedLength = 0.0;
+                    const std::vector<int> tour = toStd(solver.SolveTSP(*D, starts, length));
+                    const std::vector<int> expected = literal.solve(*D, starts, expectedLength);
+                    EXPECT_EQ(tour, expected) << "seed " << seed << " n " << n << " starts " << starts
+                                              << (D == &rounded ? " rounded" : " real");
+                    EXPECT_EQ(length, expectedLength);
+                }
+            }
+        }
+    }
+}
 
 TEST(CTSPSolver, ComputeDistancesIsTheEuclideanMatrixOfTheRows)
 {
