@@ -157,44 +157,83 @@ CPMatrix CTSPSolver::greedySearch(const TMatrix<double>& distances, int start) c
 CPMatrix CTSPSolver::exchange2Opt(const TMatrix<double>& distances, const TMatrix<double>& transposed,
                                   CPMatrix& tour, double& length) const
 {
+    // Best-improvement 2-opt: each sweep applies the one exchange (i, k) of smallest gain below 0, the
+    // first in (i, k) order among equals. Instead of rescanning all pairs after each exchange, the
+    // best of every row i is kept and only the entries that the reversal of t[I..K-1] changed are
+    // recomputed: rows I..K whole (their a or b moved), the columns k in I..K of rows below I, and
+    // nothing of the rows above K (t[n - 1] never moves). Every gain is computed from the same four
+    // distances as in a full sweep, so the chosen exchanges are exactly those of full sweeps.
     const int n = tour.Size();
     int* t = tour.Data();
     if (n >= 3) {
         const int rows = distances.Rows();
         const double* dt = transposed.Data();
-        std::vector<double> edge(static_cast<std::size_t>(n)); // edge[k] = D(t[k-1], t[k])
+        const std::size_t N = static_cast<std::size_t>(n);
+        std::vector<double> edge(N);    // edge[k] = D(t[k-1], t[k])
+        std::vector<double> rowBest(N); // per row i: smallest gain below 0 (or 0), and its k (or -1)
+        std::vector<int> rowK(N);
+        // Smallest gain of row i over k in [from, to], the lowest k among equals; none: (0, -1).
+        auto scan = [&](int i, int from, int to, double& best, int& bestK) {
+            const int a = i == 0 ? t[n - 1] : t[i - 1];
+            const int b = t[i];
+            const double dab = distances(a, b);
+            // D(a, x) = D^T(x, a) and D(b, x) = D^T(x, b): two contiguous columns.
+            const double* fromA = dt + static_cast<std::size_t>(a) * rows;
+            const double* fromB = dt + static_cast<std::size_t>(b) * rows;
+            best = 0.0;
+            bestK = -1;
+            for (int k = from; k <= to; ++k) {
+                const double delta =
+                    (fromA[t[k - 1]] + fromB[t[k]]) - (dab + edge[static_cast<std::size_t>(k)]);
+                if (best > delta) {
+                    best = delta;
+                    bestK = k;
+                }
+            }
+        };
+        for (int k = 1; k < n; ++k)
+            edge[static_cast<std::size_t>(k)] = distances(t[k - 1], t[k]);
+        for (int i = 0; i <= n - 3; ++i)
+            scan(i, i + 2, n - 1, rowBest[static_cast<std::size_t>(i)], rowK[static_cast<std::size_t>(i)]);
+
         // For a symmetric D every applied exchange shortens the tour, so the sweeps end by themselves.
         // For a non-symmetric one the gain is not the true change and could cycle: cap the sweeps.
         const bool symmetric = &transposed == &distances;
         const long long maxSweeps = symmetric ? -1 : 10LL * n + 100;
         for (long long sweep = 0; maxSweeps < 0 || sweep < maxSweeps; ++sweep) {
-            for (int k = 1; k < n; ++k)
-                edge[static_cast<std::size_t>(k)] = distances(t[k - 1], t[k]);
             double bestDelta = 0.0;
             int bestI = -1;
-            int bestK = -1;
-            int a = t[n - 1];
-            for (int i = 0; i <= n - 3; ++i) {
-                const int b = t[i];
-                const double dab = distances(a, b);
-                // D(a, x) = D^T(x, a) and D(b, x) = D^T(x, b): two contiguous columns.
-                const double* fromA = dt + static_cast<std::size_t>(a) * rows;
-                const double* fromB = dt + static_cast<std::size_t>(b) * rows;
-                for (int k = i + 2; k < n; ++k) {
-                    const int c = t[k - 1];
-                    const int d = t[k];
-                    const double delta = (fromA[c] + fromB[d]) - (dab + edge[static_cast<std::size_t>(k)]);
-                    if (bestDelta > delta) {
-                        bestDelta = delta;
-                        bestI = i;
-                        bestK = k;
-                    }
+            for (int i = 0; i <= n - 3; ++i)
+                if (bestDelta > rowBest[static_cast<std::size_t>(i)]) {
+                    bestDelta = rowBest[static_cast<std::size_t>(i)];
+                    bestI = i;
                 }
-                a = b;
-            }
             if (!(bestDelta < 0.0))
                 break;
-            std::reverse(t + bestI, t + bestK);
+            const int I = bestI;
+            const int K = rowK[static_cast<std::size_t>(I)];
+            std::reverse(t + I, t + K);
+
+            for (int k = std::max(I, 1); k <= K; ++k)
+                edge[static_cast<std::size_t>(k)] = distances(t[k - 1], t[k]);
+            for (int i = 0; i <= std::min(K, n - 3); ++i) {
+                double& best = rowBest[static_cast<std::size_t>(i)];
+                int& bestK = rowK[static_cast<std::size_t>(i)];
+                if (i >= I || (bestK >= I && bestK <= K)) {
+                    scan(i, i + 2, n - 1, best, bestK);
+                    continue;
+                }
+                const int from = std::max(I, i + 2);
+                if (from > K)
+                    continue;
+                double partBest = 0.0;
+                int partK = -1;
+                scan(i, from, K, partBest, partK);
+                if (partK >= 0 && (partBest < best || (partBest == best && partK < bestK))) {
+                    best = partBest;
+                    bestK = partK;
+                }
+            }
         }
     }
     length = tourLength(distances, t, n);
