@@ -166,6 +166,8 @@ TEST(Tsplib, MalformedInputNamesTheLineAndTheFault)
          "line 2: NODE_COORD_SECTION before DIMENSION"},
         {"DIMENSION: 3\nNODE_COORD_SECTION\n1 0 0\n", "line 2: NODE_COORD_SECTION before EDGE_WEIGHT_TYPE"},
         {"DIMENSION: 3\nEDGE_WEIGHT_SECTION\n", "line 2: EDGE_WEIGHT_SECTION is not supported"},
+        {"DIMENSION: 3\nEDGE_WEIGHT_TYPE: EUC_2D\nFIXED_EDGES_SECTION\n1 2\n-1\n",
+         "line 3: FIXED_EDGES_SECTION is not supported"},
         {"this is not a header\n", "line 1: expected \"KEY : value\", got \"this is not a header\""},
         {head + "1 0 0\n2 1 1\n", "NODE_COORD_SECTION has 2 of 3 nodes"},
         {head + "1 0 0\n2 1 1\n4 2 2\n", "line 8: node 4 outside 1..3"},

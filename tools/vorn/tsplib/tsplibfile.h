@@ -12,6 +12,7 @@
 // ended by EOF or by the end of the file. Blank lines are skipped. TYPE must be TSP,
 // EDGE_WEIGHT_TYPE must be EUC_2D, DIMENSION must lie in 1..kMaxDimension; any other section,
 // a missing or extra node, an unparsable number or a coordinate that isn't finite is an error.
+// FIXED_EDGES_SECTION (linhp318) is refused too: the solver has no way to honour fixed edges.
 #include <istream>
 #include <ostream>
 #include <stdexcept>
