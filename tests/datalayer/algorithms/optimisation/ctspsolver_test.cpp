@@ -313,24 +313,6 @@ TEST(CTSPSolver, EqualDistancesKeepTheNearestNeighbourTour)
     EXPECT_EQ(length, 7.0);
 }
 
-// The nearest-neighbour tour of the first shuffled start node is kept when 2-opt has nothing to do:
-// points on a circle, where every nearest-neighbour tour is the convex polygon.
-TEST(CTSPSolver, StartNodesFollowTheSeededShuffle)
-{
-    const int n = 9;
-    std::vector<std::pair<double, double>> xy;
-    for (int i = 0; i < n; ++i) {
-        const double angle = 2.0 * M_PI * i / n + 0.01 * i * i; // unequal gaps: no ties
-        xy.push_back({std::cos(angle), std::sin(angle)});
-    }
-    const TMatrix<double> D = CTSPSolver::computeDistances(points2D(xy));
-    CTSPSolver solver;
-    double length = 0.0;
-    const std::vector<int> tour = toStd(solver.SolveTSP(D, 1, length));
-    ASSERT_EQ(tour.size(), static_cast<std::size_t>(n));
-    EXPECT_EQ(tour[0], expectedStartOrder(n)[0]);
-}
-
 TEST(CTSPSolver, StartCountsOutsideOneToNAreDefined)
 {
     const TMatrix<double> D = CTSPSolver::computeDistances(randomPoints(3, 12));
@@ -396,19 +378,6 @@ TEST(CTSPSolver, RandomToursAreTwoOptimalPermutations)
                 }
             }
         }
-    }
-}
-
-TEST(CTSPSolver, MoreStartsNeverGiveALongerTour)
-{
-    const TMatrix<double> D = CTSPSolver::computeDistances(randomPoints(99, 60));
-    double previous = kInf;
-    for (int starts : {1, 5, 20, 60}) {
-        CTSPSolver solver; // the same shuffle, so the attempts of fewer starts are among these
-        double length = 0.0;
-        solver.SolveTSP(D, starts, length);
-        EXPECT_LE(length, previous) << starts;
-        previous = length;
     }
 }
 
