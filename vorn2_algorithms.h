@@ -38,3 +38,17 @@
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
 #include "datalayer/algorithms/optimisation/ctspsolver.h"
+
+// Geometry and transforms
+#include "datalayer/algorithms/geometry/clineraster.h"
+#include "datalayer/algorithms/geometry/ctrafo.h"
+#include "datalayer/algorithms/geometry/ctriangle2d.h"
+#include "datalayer/algorithms/geometry/kdtreevector.h"
+#include "datalayer/algorithms/geometry/quaternion.h"
+#include "datalayer/algorithms/geometry/rayellipsoidintersection.h"
+#include "datalayer/algorithms/geometry/symsolvers.h"
+
+// Curves and polynomials
+#include "datalayer/algorithms/curves/cnaturalspline.h"
+#include "datalayer/algorithms/curves/cpolynomial.h"
+#include "datalayer/algorithms/curves/polynomial.h"
