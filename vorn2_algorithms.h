@@ -36,3 +36,9 @@
 // Optimisation
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
+
+// Pixel regions
+#include "datalayer/algorithms/regions/ccontourtracer.h"
+#include "datalayer/algorithms/regions/cintegerpartition2d.h"
+#include "datalayer/algorithms/regions/cpixelpolygon.h"
+#include "datalayer/algorithms/regions/zudetail.h"
