@@ -52,3 +52,9 @@
 #include "datalayer/algorithms/curves/cnaturalspline.h"
 #include "datalayer/algorithms/curves/cpolynomial.h"
 #include "datalayer/algorithms/curves/polynomial.h"
+
+// Pixel regions
+#include "datalayer/algorithms/regions/ccontourtracer.h"
+#include "datalayer/algorithms/regions/cintegerpartition2d.h"
+#include "datalayer/algorithms/regions/cpixelpolygon.h"
+#include "datalayer/algorithms/regions/zudetail.h"
