@@ -36,3 +36,10 @@
 // Optimisation
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
+
+// Graphs
+#include "datalayer/algorithms/codecs/any.h"
+#include "datalayer/algorithms/graphs/cdigraph.h"
+#include "datalayer/algorithms/graphs/cdisjointsets.h"
+#include "datalayer/algorithms/graphs/graphcsr.h"
+#include "datalayer/algorithms/graphs/graphworkspace.h"
