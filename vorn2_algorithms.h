@@ -58,3 +58,10 @@
 #include "datalayer/algorithms/regions/cintegerpartition2d.h"
 #include "datalayer/algorithms/regions/cpixelpolygon.h"
 #include "datalayer/algorithms/regions/zudetail.h"
+
+// Graphs
+#include "datalayer/algorithms/codecs/any.h"
+#include "datalayer/algorithms/graphs/cdigraph.h"
+#include "datalayer/algorithms/graphs/cdisjointsets.h"
+#include "datalayer/algorithms/graphs/graphcsr.h"
+#include "datalayer/algorithms/graphs/graphworkspace.h"
