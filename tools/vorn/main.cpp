@@ -8,6 +8,7 @@
 #include "command.h"
 #include "demo.h"
 #include "tsp.h"
+#include "rendertarget.h"
 
 int main(int argc, char** argv)
 {
@@ -17,6 +18,7 @@ int main(int argc, char** argv)
     const std::vector<VornCommand> commands = {
         AddDemoCommand(app),
         AddTspCommand(app),
+        AddRenderTargetCommand(app),
     };
     try {
         app.parse(argc, argv);
