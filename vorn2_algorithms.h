@@ -36,3 +36,11 @@
 // Optimisation
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
+
+// Calibration, with the plane point optimiser base it builds on
+#include "datalayer/algorithms/calibration/ccalibrationimage.h"
+#include "datalayer/algorithms/calibration/ccalibrationpointfeaturedetect.h"
+#include "datalayer/algorithms/calibration/ccalibrationpointintersection.h"
+#include "datalayer/algorithms/calibration/icalibrationimage.h"
+#include "datalayer/algorithms/calibration/timage.h"
+#include "datalayer/algorithms/optimisation/aoptimizationpoint.h"
