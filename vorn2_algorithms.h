@@ -44,3 +44,4 @@
 #include "datalayer/algorithms/calibration/icalibrationimage.h"
 #include "datalayer/algorithms/calibration/timage.h"
 #include "datalayer/algorithms/optimisation/aoptimizationpoint.h"
+#include "datalayer/algorithms/optimisation/coptimizeplanepointsbase.h"
