@@ -7,8 +7,8 @@
 
 #include "command.h"
 #include "demo.h"
-#include "tsp.h"
 #include "rendertarget.h"
+#include "tsp.h"
 
 int main(int argc, char** argv)
 {
