@@ -36,3 +36,4 @@
 // Optimisation
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
+#include "datalayer/algorithms/optimisation/cnlssolver.h"
