@@ -1,6 +1,7 @@
 #include "datalayer/algorithms/optimisation/cnlssolver.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -214,7 +215,8 @@ bool solveOnPlane(const TMatrix<double>& H, const TVector<double>& g, double mu,
 
 CNLSSolver::CNLSSolver(CNLSObjectiveFunction& objective, bool robust, int samplerSteps)
     : objective(objective), logging(true), useProjectionOfUpdates(true), robust(robust),
-      samplerSteps(samplerSteps < 1 ? 2 * objective.GetNumParams() : samplerSteps)
+      samplerSteps(samplerSteps >= 1 ? samplerSteps
+                                     : 2 * std::clamp(objective.GetNumParams(), 0, INT_MAX / 2))
 {
 }
 
