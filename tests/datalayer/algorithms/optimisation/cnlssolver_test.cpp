@@ -249,6 +249,17 @@ TEST(CNLSSolverResult, AllParametersFixedGiveTheParticularSolution)
     EXPECT_EQ(solver.Run(x, rmse, 20, 1e-3, 0, CNLSSolver::Gibbs), CNLSSolver::SmallGradient);
     EXPECT_EQ(Std(x), (std::vector<double>{5.0, 7.0}));
     EXPECT_DOUBLE_EQ(rmse, std::sqrt((16.0 + 25.0) / 2.0));
+
+    // Bounds on fixed parameters have all-zero rows in the free variables: a satisfied one changes
+    // nothing, a violated one can't be repaired by the program over no variables.
+    f.AddUpperBound(1, 8.0);
+    x = Vec({0.0, 0.0});
+    EXPECT_EQ(solver.Run(x, rmse, 20, 1e-3, 0, CNLSSolver::Gibbs), CNLSSolver::SmallGradient);
+    EXPECT_EQ(Std(x), (std::vector<double>{5.0, 7.0}));
+    f.AddUpperBound(0, 4.0);
+    x = Vec({0.0, 0.0});
+    EXPECT_EQ(solver.Run(x, rmse, 20, 1e-3, 0, CNLSSolver::Gibbs), CNLSSolver::ConstraintsViolated);
+    EXPECT_EQ(x.Size(), 0);
 }
 
 TEST(CNLSSolverResult, EachIterationCostsOneErrorAndOneJacobian)
