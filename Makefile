@@ -25,6 +25,8 @@ bench: deps
 	  -DVORN2_BUILD_BENCH=ON -DVORN2_BENCH_PEERS=ON
 	cmake --build build/bench -j $(JOBS)
 	./build/bench/bench/vorn2_bench --benchmark_min_time=0.2
+	./build/bench/bench/vorn2_nist_strd
+	./build/bench/bench/vorn2_nist_strd --fd-relative --fd-step=1e-4
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i

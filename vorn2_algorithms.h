@@ -77,3 +77,4 @@
 #include "datalayer/algorithms/calibration/timage.h"
 #include "datalayer/algorithms/optimisation/aoptimizationpoint.h"
 #include "datalayer/algorithms/optimisation/coptimizeplanepointsbase.h"
+#include "datalayer/algorithms/optimisation/cnlssolver.h"

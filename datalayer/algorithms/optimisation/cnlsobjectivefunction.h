@@ -144,6 +144,9 @@ protected:
     TMatrix<double> getCovariance(TMatrix<double> J, TVector<int>& singular, double tolerance);
 
 private:
+    // The solver checks a system of equalities for consistency with the same elimination.
+    friend class CNLSSolver;
+
     /// Gaussian elimination with complete pivoting of A x = r into the kernel form X (n x (q + 1)),
     /// in place on scratch copies. perm receives the pivot columns (ascending) followed by the free
     /// columns (ascending). False, with X empty, when the system is inconsistent.
