@@ -7,6 +7,9 @@
 
 #include "command.h"
 #include "demo.h"
+#include "raster.h"
+#include "register.h"
+#include "roots.h"
 
 int main(int argc, char** argv)
 {
@@ -15,6 +18,9 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     const std::vector<VornCommand> commands = {
         AddDemoCommand(app),
+        AddRootsCommand(app),
+        AddRasterCommand(app),
+        AddRegisterCommand(app),
     };
     try {
         app.parse(argc, argv);
