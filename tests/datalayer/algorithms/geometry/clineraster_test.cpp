@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -11,6 +12,7 @@
 
 using DataLayer::CLineRaster;
 using Pixels = std::vector<std::pair<int, int>>;
+using PixelSet = std::set<std::pair<int, int>>;
 
 namespace {
 
@@ -50,6 +52,37 @@ Pixels CrossingPixels(double x0, double y0, double x1, double y1)
         if (out.empty() || out.back() != p)
             out.push_back(p);
     }
+    return out;
+}
+
+/// Brute force: every pixel of the bounding box whose closed square holds a piece of the segment
+/// of positive length, by clipping the segment to the square in long double.
+PixelSet TouchedPixels(double x0, double y0, double x1, double y1)
+{
+    PixelSet out;
+    const long double o[2] = {x0, y0},
+                      d[2] = {static_cast<long double>(x1) - x0, static_cast<long double>(y1) - y0};
+    for (int px = static_cast<int>(std::floor(std::min(x0, x1)));
+         px <= static_cast<int>(std::floor(std::max(x0, x1))); ++px)
+        for (int py = static_cast<int>(std::floor(std::min(y0, y1)));
+             py <= static_cast<int>(std::floor(std::max(y0, y1))); ++py) {
+            long double lo = 0, hi = 1;
+            const long double box[2] = {static_cast<long double>(px), static_cast<long double>(py)};
+            for (int axis = 0; axis < 2; ++axis) {
+                if (d[axis] == 0) {
+                    if (o[axis] < box[axis] || o[axis] > box[axis] + 1)
+                        hi = -1;
+                    continue;
+                }
+                long double a = (box[axis] - o[axis]) / d[axis], b = (box[axis] + 1 - o[axis]) / d[axis];
+                if (a > b)
+                    std::swap(a, b);
+                lo = std::max(lo, a);
+                hi = std::min(hi, b);
+            }
+            if (hi - lo > 1e-12L)
+                out.emplace(px, py);
+        }
     return out;
 }
 
@@ -104,8 +137,9 @@ TEST(CLineRaster, RangeForVisitsWhatTheBoolLoopVisits)
     EXPECT_EQ(b.x, 1);
 }
 
-// Random segments hit no pixel corner, so the walk plus its end pixel equals the crossing list.
-TEST(CLineRaster, MatchesTheSortedGridCrossings)
+// Random segments hit no pixel corner, so the walk plus its end pixel equals the ordered list of
+// grid crossings and the brute-force set of touched pixels.
+TEST(CLineRaster, MatchesGridCrossingsAndABruteForcePixelSet)
 {
     std::mt19937_64 engine(47110815);
     std::uniform_real_distribution<double> coordinate(-20.0, 20.0);
@@ -118,6 +152,8 @@ TEST(CLineRaster, MatchesTheSortedGridCrossings)
         walk.emplace_back(r.xend, r.yend);
         EXPECT_EQ(walk, CrossingPixels(x0, y0, x1, y1))
             << "segment (" << x0 << ", " << y0 << ") - (" << x1 << ", " << y1 << ")";
+        EXPECT_EQ(PixelSet(walk.begin(), walk.end()), TouchedPixels(x0, y0, x1, y1));
+        EXPECT_EQ(PixelSet(walk.begin(), walk.end()).size(), walk.size()); // no revisits
     }
 }
 
