@@ -9,6 +9,9 @@
 #include "demo.h"
 #include "rendertarget.h"
 #include "tsp.h"
+#include "raster.h"
+#include "register.h"
+#include "roots.h"
 
 int main(int argc, char** argv)
 {
@@ -19,6 +22,9 @@ int main(int argc, char** argv)
         AddDemoCommand(app),
         AddTspCommand(app),
         AddRenderTargetCommand(app),
+        AddRootsCommand(app),
+        AddRasterCommand(app),
+        AddRegisterCommand(app),
     };
     try {
         app.parse(argc, argv);

@@ -177,14 +177,14 @@ int CNaturalSpline::piece(double x) const
         return n - 1;
     if (x <= m_knots[0])
         return 0;
-    // Invariant knots[lo] <= x < knots[hi]; a NaN x ends on the last piece.
-    int lo = 0, hi = n;
-    while (hi - lo > 1) {
-        const int mid = lo + (hi - lo) / 2;
-        if (m_knots[mid] > x)
-            hi = mid;
-        else
-            lo = mid;
+    // The last i in 0..n-1 with knots[i] <= x, by a bisection without branches (a conditional
+    // move per halving); for strictly ascending knots this is the piece with
+    // knots[i] <= x < knots[i + 1]. A NaN x compares false throughout and ends on piece 0.
+    int lo = 0, length = n;
+    while (length > 1) {
+        const int half = length / 2;
+        lo = m_knots[lo + half] <= x ? lo + half : lo;
+        length -= half;
     }
     return lo;
 }

@@ -8,10 +8,11 @@
 // four vectors store anything. The invalid transform holds NaN in all twelve values. Failures are
 // values: Invalid() from LeastSquaresFit, the identity from GetInverse of a singular matrix; the
 // only exception is std::invalid_argument from operator() for an index above 3.
-// Rotate, Transform and operator* on a point are inline SSE: three four-lane dot products over the
-// three components (the fourth lane 0) and one four-lane addition, bit for bit the scalar sums
-// (r0 x + r1 y) + r2 z + t. Choices made here: Mean of a null list counts as an empty one
-// (identity rotation, NaN translation); GetEulerAngles gives a NaN pitch when |r20| > 1.
+// Rotate, Transform and operator* on a point are inline SSE over four lanes, the fourth lane of the
+// result 0, and one four-lane addition of t: the three row dot products are formed as column sums,
+// which round exactly as the scalar sums ((r_i0 x + r_i1 y) + r_i2 z) + t_i do. Choices made here: Mean of a
+// null list counts as an empty one (identity rotation, NaN translation); GetEulerAngles gives a NaN pitch
+// when |r20| > 1.
 
 #include <array>
 #include <cstddef>
@@ -109,11 +110,19 @@ private:
         _mm_store_ps(r.Data(), v);
         return r;
     }
+    /// R v as the column sums ((c0 x + c1 y) + c2 z), the same roundings as the row dot products
+    /// (r_i0 x + r_i1 y) + r_i2 z; lane 3 is forced to 0. In a loop over points the transpose is
+    /// loop-invariant and leaves the loop.
     __m128 rotate(__m128 v) const
     {
-        return _mm_or_ps(_mm_or_ps(_mm_dp_ps(load(m_r0), v, 0x71), _mm_dp_ps(load(m_r1), v, 0x72)),
-                         _mm_dp_ps(load(m_r2), v, 0x74));
+        __m128 c0 = load(m_r0), c1 = load(m_r1), c2 = load(m_r2), c3 = _mm_setzero_ps();
+        _MM_TRANSPOSE4_PS(c0, c1, c2, c3);
+        const __m128 x = _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 0, 0, 0));
+        const __m128 y = _mm_shuffle_ps(v, v, _MM_SHUFFLE(1, 1, 1, 1));
+        const __m128 z = _mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 2, 2, 2));
+        return _mm_add_ps(_mm_add_ps(_mm_mul_ps(c0, x), _mm_mul_ps(c1, y)), _mm_mul_ps(c2, z));
     }
+    static __m128 clearLane3(__m128 v) { return _mm_blend_ps(v, _mm_setzero_ps(), 0x8); }
 
     kdtree::Vector<3> m_r0;
     kdtree::Vector<3> m_r1;
@@ -123,12 +132,12 @@ private:
 
 inline kdtree::Vector<3> CTrafo::Rotate(const kdtree::Vector<3>& v) const
 {
-    return store(rotate(load(v)));
+    return store(clearLane3(rotate(load(v))));
 }
 
 inline kdtree::Vector<3> CTrafo::Transform(const kdtree::Vector<3>& v) const
 {
-    return store(_mm_add_ps(rotate(load(v)), load(m_t)));
+    return store(clearLane3(_mm_add_ps(rotate(load(v)), load(m_t))));
 }
 
 inline std::pair<kdtree::Vector<3>, kdtree::Vector<3>>
