@@ -750,23 +750,23 @@ void OrShifted(const unsigned char* src, unsigned char* dst, std::size_t size, s
 /// dilation leave in a buffer, when every set pixel lies at least r pixels inside the mask's border.
 /// Each axis is grown by shifts of 1, 2, 4, ... and a last shift to reach r exactly, so that every
 /// step is a plain byte-wise OR over the whole buffer; rows never bleed into each other because no
-/// growth reaches past the border. The result ends in `bytes`; `spare` is working memory.
-void SquareDilate(std::vector<unsigned char>& bytes, std::vector<unsigned char>& spare, int width,
-                  std::int64_t r)
+/// growth reaches past the border. `bytes` holds the input, `spare` (same size, any content) is
+/// working memory; returns the buffer that holds the result.
+unsigned char* SquareDilate(unsigned char* bytes, unsigned char* spare, std::size_t size, int width,
+                            std::int64_t r)
 {
-    spare.resize(bytes.size());
-    const std::size_t size = bytes.size();
     for (const std::size_t unit : {std::size_t{1}, static_cast<std::size_t>(width)}) {
         std::int64_t radius = 0;
         std::int64_t step = 1;
         while (radius < r) {
             const std::int64_t shift = std::min(step, r - radius);
-            OrShifted(bytes.data(), spare.data(), size, static_cast<std::size_t>(shift) * unit);
-            bytes.swap(spare);
+            OrShifted(bytes, spare, size, static_cast<std::size_t>(shift) * unit);
+            std::swap(bytes, spare);
             radius += shift;
             step = radius + 1;
         }
     }
+    return bytes;
 }
 
 } // namespace
@@ -792,8 +792,10 @@ CPixelPolygon CPixelPolygon::Dilate(unsigned int n, std::function<bool(int, int)
     const unsigned char* last = nullptr;
     std::vector<unsigned char> other;
     if (!allowed) {
-        SquareDilate(mask.bytes, other, w, n);
-        last = mask.bytes.data();
+        const std::unique_ptr<unsigned char[]> spare(new unsigned char[mask.bytes.size()]);
+        last = SquareDilate(mask.bytes.data(), spare.get(), mask.bytes.size(), w, n);
+        CPixelPolygon result = TraceMask(mask, last, 255);
+        return result.m_chain.empty() ? *this : result;
     } else {
         // n passes of the 3 x 3 dilation between two buffers that are never cleared.
         other.assign(mask.bytes.size(), 0);
