@@ -7,6 +7,7 @@
 
 #include "command.h"
 #include "demo.h"
+#include "distance.h"
 #include "rendertarget.h"
 #include "tsp.h"
 #include "raster.h"
@@ -25,6 +26,7 @@ int main(int argc, char** argv)
         AddRootsCommand(app),
         AddRasterCommand(app),
         AddRegisterCommand(app),
+        AddDistanceCommand(app),
     };
     try {
         app.parse(argc, argv);

@@ -5,6 +5,10 @@
 #include <cstring>
 #include <limits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "datalayer/algorithms/regions/ccontourtracer.h"
 
 namespace DataLayer {
@@ -707,57 +711,62 @@ CPixelPolygon CPixelPolygon::Repair() const
 
 namespace {
 
-/// Dilation of the 255-pixels by a (2r + 1)-square, clipped to the mask: what r passes of the
-/// 3 x 3 dilation leave in a buffer, computed separably with running distances.
-void SquareDilate(std::vector<unsigned char>& bytes, int width, int height, std::int64_t r)
+/// dst[i] = a[i] | b[i] | c[i] for i < count, 16 bytes at a time where SSE2 is there.
+void Or3(const unsigned char* a, const unsigned char* b, const unsigned char* c, unsigned char* dst,
+         std::size_t count)
 {
-    const std::int64_t far = r + 1;
-    std::vector<std::int64_t> column(static_cast<std::size_t>(width));
-    // Rows: mark every pixel within r of a set pixel of its row.
-    std::vector<unsigned char> rowOut(static_cast<std::size_t>(width));
-    for (int y = 0; y < height; ++y) {
-        unsigned char* row = &bytes[static_cast<std::size_t>(y) * width];
-        std::int64_t lastSet = -far - 1;
-        std::fill(rowOut.begin(), rowOut.end(), 0);
-        for (int x = 0; x < width; ++x) {
-            if (row[x] == 255)
-                lastSet = x;
-            if (x - lastSet <= r)
-                rowOut[x] = 255;
-        }
-        lastSet = static_cast<std::int64_t>(width) + far + 1;
-        for (int x = width - 1; x >= 0; --x) {
-            if (row[x] == 255)
-                lastSet = x;
-            if (lastSet - x <= r)
-                rowOut[x] = 255;
-        }
-        std::memcpy(row, rowOut.data(), rowOut.size());
+    std::size_t i = 0;
+#if defined(__SSE2__)
+    for (; i + 16 <= count; i += 16) {
+        const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + i));
+        const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + i));
+        const __m128i vc = _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + i));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), _mm_or_si128(va, _mm_or_si128(vb, vc)));
     }
-    // Columns: the same downwards and upwards, one row at a time.
-    std::vector<unsigned char> marked(bytes.size(), 0);
-    std::fill(column.begin(), column.end(), -far - 1);
-    for (int y = 0; y < height; ++y) {
-        const unsigned char* row = &bytes[static_cast<std::size_t>(y) * width];
-        unsigned char* out = &marked[static_cast<std::size_t>(y) * width];
-        for (int x = 0; x < width; ++x) {
-            if (row[x] == 255)
-                column[x] = y;
-            out[x] = (y - column[x] <= r) ? 255 : 0;
+#endif
+    for (; i < count; ++i)
+        dst[i] = a[i] | b[i] | c[i];
+}
+
+/// dst[i] = src[i] | src[i - offset] | src[i + offset], clipped to the array (dst and src apart).
+void OrShifted(const unsigned char* src, unsigned char* dst, std::size_t size, std::size_t offset)
+{
+    if (offset >= size) {
+        std::memcpy(dst, src, size);
+        return;
+    }
+    const std::size_t head = std::min(offset, size - offset);
+    for (std::size_t i = 0; i < head; ++i)
+        dst[i] = src[i] | src[i + offset];
+    if (size > 2 * offset)
+        Or3(src + offset, src, src + 2 * offset, dst + offset, size - 2 * offset);
+    for (std::size_t i = head; i < offset; ++i) // only when the array is shorter than 2 * offset
+        dst[i] = src[i];
+    for (std::size_t i = std::max(offset, size - offset); i < size; ++i)
+        dst[i] = src[i] | src[i - offset];
+}
+
+/// Dilation of the 255-pixels (all others 0) by a (2r + 1)-square: what r passes of the 3 x 3
+/// dilation leave in a buffer, when every set pixel lies at least r pixels inside the mask's border.
+/// Each axis is grown by shifts of 1, 2, 4, ... and a last shift to reach r exactly, so that every
+/// step is a plain byte-wise OR over the whole buffer; rows never bleed into each other because no
+/// growth reaches past the border. `bytes` holds the input, `spare` (same size, any content) is
+/// working memory; returns the buffer that holds the result.
+unsigned char* SquareDilate(unsigned char* bytes, unsigned char* spare, std::size_t size, int width,
+                            std::int64_t r)
+{
+    for (const std::size_t unit : {std::size_t{1}, static_cast<std::size_t>(width)}) {
+        std::int64_t radius = 0;
+        std::int64_t step = 1;
+        while (radius < r) {
+            const std::int64_t shift = std::min(step, r - radius);
+            OrShifted(bytes, spare, size, static_cast<std::size_t>(shift) * unit);
+            std::swap(bytes, spare);
+            radius += shift;
+            step = radius + 1;
         }
     }
-    std::fill(column.begin(), column.end(), static_cast<std::int64_t>(height) + far + 1);
-    for (int y = height - 1; y >= 0; --y) {
-        const unsigned char* row = &bytes[static_cast<std::size_t>(y) * width];
-        unsigned char* out = &marked[static_cast<std::size_t>(y) * width];
-        for (int x = 0; x < width; ++x) {
-            if (row[x] == 255)
-                column[x] = y;
-            if (column[x] - y <= r)
-                out[x] = 255;
-        }
-    }
-    bytes.swap(marked);
+    return bytes;
 }
 
 } // namespace
@@ -783,8 +792,10 @@ CPixelPolygon CPixelPolygon::Dilate(unsigned int n, std::function<bool(int, int)
     const unsigned char* last = nullptr;
     std::vector<unsigned char> other;
     if (!allowed) {
-        SquareDilate(mask.bytes, w, h, n);
-        last = mask.bytes.data();
+        const std::unique_ptr<unsigned char[]> spare(new unsigned char[mask.bytes.size()]);
+        last = SquareDilate(mask.bytes.data(), spare.get(), mask.bytes.size(), w, n);
+        CPixelPolygon result = TraceMask(mask, last, 255);
+        return result.m_chain.empty() ? *this : result;
     } else {
         // n passes of the 3 x 3 dilation between two buffers that are never cleared.
         other.assign(mask.bytes.size(), 0);
