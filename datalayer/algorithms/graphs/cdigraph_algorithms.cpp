@@ -303,7 +303,7 @@ TPermutation<int> CDiGraph::topological_sort_cyclic(bool invert, std::function<b
             bool found = false;
             for (std::size_t a = 0; a < before.size() && !found; ++a)
                 for (std::size_t b = 0; b < members.size() && !found; ++b)
-                    if (edge_ptr(before[a], members[b])) {
+                    if (adj(before[a], members[b])) { // the const look-up: nothing is added
                         entry = members[b];
                         found = true;
                     }
