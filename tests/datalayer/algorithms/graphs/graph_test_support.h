@@ -140,4 +140,100 @@ inline int Bandwidth(const DataLayer::CDiGraph& g, const DataLayer::TPermutation
     return b;
 }
 
+/// The described bandwidth ordering written literally, on the transposed graph with a full clear of
+/// the visited marks on every peripheral pass and a plain binary heap with the same stepping.
+struct CmkRecord
+{
+    int node, degree, level;
+};
+
+inline void HeapPush(std::vector<CmkRecord>& h, CmkRecord x)
+{
+    h.push_back(x);
+    for (std::size_t i = h.size() - 1; i > 0 && h[i].degree < h[(i - 1) / 2].degree; i = (i - 1) / 2)
+        std::swap(h[i], h[(i - 1) / 2]);
+}
+
+inline CmkRecord HeapPop(std::vector<CmkRecord>& h)
+{
+    const CmkRecord top = h.front();
+    h.front() = h.back();
+    h.pop_back();
+    std::size_t i = 0;
+    for (;;) {
+        const std::size_t l = 2 * i + 1, r = l + 1;
+        std::size_t best = l < h.size() && h[l].degree < h[i].degree ? l : i;
+        if (r < h.size() && h[r].degree < h[best].degree)
+            best = r;
+        if (best == i)
+            return top;
+        std::swap(h[i], h[best]);
+        i = best;
+    }
+}
+
+inline int ReferencePeripheral(const DataLayer::CDiGraph& g, const DataLayer::CDiGraph& t,
+                               const std::vector<int>& degrees, int start)
+{
+    std::vector<CmkRecord> stack; // the ring buffer used from one end only
+    std::vector<char> visited(g.nodes(), 0);
+    CmkRecord best{start, degrees[start], 0};
+    int previous = 0;
+    visited[start] = 1;
+    stack.push_back(best);
+    for (;;) {
+        while (!stack.empty()) {
+            const CmkRecord c = stack.back();
+            stack.pop_back();
+            if (c.level > best.level || (c.node != best.node && c.degree > best.degree))
+                best = c;
+            for (const DataLayer::CDiGraph* graph : {&g, &t})
+                for (const DataLayer::CDiGraph::Edge& e : graph->edges(c.node))
+                    if (!visited[e.to]) {
+                        visited[e.to] = 1;
+                        stack.push_back({e.to, degrees[e.to], c.level + 1});
+                    }
+        }
+        if (previous >= best.level)
+            return best.node;
+        previous = best.level;
+        std::fill(visited.begin(), visited.end(), 0);
+        visited[best.node] = 1;
+        best.level = 0;
+        stack.push_back(best);
+    }
+}
+
+inline std::vector<int> ReferenceBandwidthOrder(const DataLayer::CDiGraph& g)
+{
+    const int n = g.nodes();
+    const DataLayer::CDiGraph t = g.get_transposed();
+    const std::vector<int> degrees = g.node_degrees();
+    std::vector<int> order;
+    std::vector<char> visited(n, 0);
+    std::vector<CmkRecord> heap, stack;
+    while (static_cast<int>(order.size()) < n) {
+        int s = 0;
+        while (visited[s])
+            ++s;
+        const int r = ReferencePeripheral(g, t, degrees, s);
+        visited[r] = 1;
+        stack.push_back({r, degrees[r], 0});
+        while (!stack.empty()) {
+            const CmkRecord c = stack.back();
+            stack.pop_back();
+            order.push_back(c.node);
+            for (const DataLayer::CDiGraph* graph : {&g, &t})
+                for (const DataLayer::CDiGraph::Edge& e : graph->edges(c.node))
+                    if (!visited[e.to]) {
+                        HeapPush(heap, {e.to, degrees[e.to], c.level + 1});
+                        visited[e.to] = 1;
+                    }
+            while (!heap.empty())
+                stack.push_back(HeapPop(heap));
+        }
+    }
+    return order;
+}
+
 } // namespace graphtest
