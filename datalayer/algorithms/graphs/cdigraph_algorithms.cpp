@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <limits>
 
+#ifdef __SSE4_1__
+#include <smmintrin.h>
+#endif
+
 #include "datalayer/algorithms/graphs/cdigraph.h"
 #include "datalayer/algorithms/graphs/graphcsr.h"
 
@@ -561,14 +565,32 @@ std::vector<std::pair<int, int>> CDiGraph::find_bridges(bool directed) const
 
 namespace {
 
-/// One relaxation sweep of row i over columns [j0, j1): branch-free so that it vectorises.
+/// One relaxation sweep of row i over columns [j0, j1): dist[i][j] takes dist[k][j] + dist[i][k] when
+/// that is smaller (an ordered comparison: false with NaN), and next[i][j] the first hop towards k.
+/// Four columns at a time with SSE 4.1 where available; the sums and comparisons are the same IEEE
+/// single-precision operations as the scalar loop, so the results are identical.
 inline void relaxRow(float* rowI, int* nextI, const float* rowK, float dik, int nik, int j0, int j1)
 {
-    for (int j = j0; j < j1; ++j) {
-        const float s = rowK[j] + dik;
-        const bool better = rowI[j] > s;
-        rowI[j] = better ? s : rowI[j];
-        nextI[j] = better ? nik : nextI[j];
+    int j = j0;
+#ifdef __SSE4_1__
+    const __m128 dik4 = _mm_set1_ps(dik);
+    const __m128i nik4 = _mm_set1_epi32(nik);
+    for (; j + 4 <= j1; j += 4) {
+        const __m128 sum = _mm_add_ps(_mm_loadu_ps(rowK + j), dik4);
+        const __m128 current = _mm_loadu_ps(rowI + j);
+        const __m128 better = _mm_cmpgt_ps(current, sum);
+        _mm_storeu_ps(rowI + j, _mm_blendv_ps(current, sum, better));
+        const __m128i hops = _mm_loadu_si128(reinterpret_cast<const __m128i*>(nextI + j));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(nextI + j),
+                         _mm_blendv_epi8(hops, nik4, _mm_castps_si128(better)));
+    }
+#endif
+    for (; j < j1; ++j) {
+        const float sum = rowK[j] + dik;
+        if (rowI[j] > sum) {
+            rowI[j] = sum;
+            nextI[j] = nik;
+        }
     }
 }
 
