@@ -388,15 +388,22 @@ public:
                        const std::string& nodeAttributes) const;
 
 private:
-    struct Frame
+    /// Compact marks of one depth-first search (defined with the algorithms); the records receive
+    /// them in one sequential pass when the search ends.
+    struct SearchMarks;
+    void store_marks(const SearchMarks& marks);
+
+public:
+    /// Raw view of those marks for the search workers (not for clients).
+    struct SearchMarksView
     {
-        int node;
-        int next; ///< position of the next edge to look at in the node's adjacency map
+        unsigned char* color;
+        int* distance;
+        int* finish;
+        int* pred;
     };
 
-    void dfs_visit(int& time, int u, TPermutation<int>& finished, int& position, std::vector<Frame>& stack);
-    bool tsort_visit(int& time, int u, TPermutation<int>& order, int& position, std::vector<Frame>& stack);
-
+private:
     std::vector<Node> m_nodes;
     std::vector<AdjacencyMap> m_adjacency;
 };
