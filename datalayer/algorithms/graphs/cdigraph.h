@@ -24,6 +24,13 @@
 //   down to the first node that finished.
 // - Weight callbacks of APSP and MST are taken as pure functions: MST evaluates each edge's weight
 //   once and orders by those values.
+// - bfs skips seeds that are no nodes or repeat; DFS takes the entries of a shorter order as roots
+//   and then every node it left out, ascending; topological_sort re-sizes an order of another
+//   non-zero size to n before filling it.
+// - bandwidth_reduction numbers from the newest end of its frontier as described, which behaves
+//   like a depth-first numbering: on meshes its bandwidth is far above classic Cuthill-McKee's.
+// - Allocation failure (std::bad_alloc) is the only exception besides std::bad_function_call from
+//   an empty weight callback; APSP needs two n x n arrays.
 
 #include <cstdint>
 #include <functional>
