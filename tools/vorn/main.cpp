@@ -13,6 +13,7 @@
 #include "raster.h"
 #include "register.h"
 #include "roots.h"
+#include "graph.h"
 
 int main(int argc, char** argv)
 {
@@ -27,6 +28,7 @@ int main(int argc, char** argv)
         AddRasterCommand(app),
         AddRegisterCommand(app),
         AddDistanceCommand(app),
+        AddGraphCommand(app),
     };
     try {
         app.parse(argc, argv);

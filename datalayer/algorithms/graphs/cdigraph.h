@@ -24,6 +24,13 @@
 //   down to the first node that finished.
 // - Weight callbacks of APSP and MST are taken as pure functions: MST evaluates each edge's weight
 //   once and orders by those values.
+// - bfs skips seeds that are no nodes or repeat; DFS takes the entries of a shorter order as roots
+//   and then every node it left out, ascending; topological_sort re-sizes an order of another
+//   non-zero size to n before filling it.
+// - bandwidth_reduction numbers from the newest end of its frontier as described, which behaves
+//   like a depth-first numbering: on meshes its bandwidth is far above classic Cuthill-McKee's.
+// - Allocation failure (std::bad_alloc) is the only exception besides std::bad_function_call from
+//   an empty weight callback; APSP needs two n x n arrays.
 
 #include <cstdint>
 #include <functional>
@@ -388,15 +395,22 @@ public:
                        const std::string& nodeAttributes) const;
 
 private:
-    struct Frame
+    /// Compact marks of one depth-first search (defined with the algorithms); the records receive
+    /// them in one sequential pass when the search ends.
+    struct SearchMarks;
+    void store_marks(const SearchMarks& marks);
+
+public:
+    /// Raw view of those marks for the search workers (not for clients).
+    struct SearchMarksView
     {
-        int node;
-        int next; ///< position of the next edge to look at in the node's adjacency map
+        unsigned char* color;
+        int* distance;
+        int* finish;
+        int* pred;
     };
 
-    void dfs_visit(int& time, int u, TPermutation<int>& finished, int& position, std::vector<Frame>& stack);
-    bool tsort_visit(int& time, int u, TPermutation<int>& order, int& position, std::vector<Frame>& stack);
-
+private:
     std::vector<Node> m_nodes;
     std::vector<AdjacencyMap> m_adjacency;
 };

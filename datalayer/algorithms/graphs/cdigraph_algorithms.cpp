@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <limits>
 
+#ifdef __SSE4_1__
+#include <smmintrin.h>
+#endif
+
 #include "datalayer/algorithms/graphs/cdigraph.h"
 #include "datalayer/algorithms/graphs/graphcsr.h"
 
@@ -123,39 +127,109 @@ int CDiGraph::search_farthest_node(int start)
 }
 
 // --- depth-first search -----------------------------------------------------------------------------
+//
+// The searches keep their marks in compact arrays while they run (a byte of colour per node instead of
+// a 56-byte record touched at random) and store them into the node records at the end, which leaves
+// the same records as marking them on the way.
 
-void CDiGraph::dfs_visit(int& time, int root, TPermutation<int>& finished, int& position,
-                         std::vector<Frame>& stack)
+struct CDiGraph::SearchMarks
 {
-    Node* nodes = m_nodes.data();
-    const int capacity = finished.Size();
-    nodes[root].color = eGray;
-    nodes[root].distance = ++time;
+    explicit SearchMarks(int n) : color(n, eWhite), distance(n, -1), finish(n, -1), pred(n, NULL_PRED) {}
+    std::vector<unsigned char> color;
+    std::vector<int> distance;
+    std::vector<int> finish;
+    std::vector<int> pred;
+};
+
+void CDiGraph::store_marks(const SearchMarks& marks)
+{
+    const int n = nodes();
+    for (int u = 0; u < n; ++u) {
+        Node& node = m_nodes[u];
+        node.color = static_cast<ENodeColor>(marks.color[u]);
+        node.distance = marks.distance[u];
+        node.finish = marks.finish[u];
+        node.pred = marks.pred[u];
+    }
+}
+
+namespace {
+
+/// Out-neighbours by position, from the graph's own maps.
+struct MapTargets
+{
+    const CDiGraph& g;
+    int size(int u) const { return g.out_edges(u).size(); }
+    int at(int u, int k) const { return g.out_edges(u)[k].to; }
+};
+
+/// Out-neighbours by position, from compressed lists in the same order.
+struct CsrTargets
+{
+    const detail::CCsrAdjacency& a;
+    int size(int u) const { return a.start[u + 1] - a.start[u]; }
+    int at(int u, int k) const { return a.target[a.start[u] + k]; }
+};
+
+struct Frame
+{
+    int node;
+    int next; ///< position of the next edge to look at
+};
+
+/// The depth-first visit of root on an explicit stack: colour grey, discovery time, each white
+/// target in adjacency order, then the finishing list, black and finishing time. In topological
+/// mode self-loops are skipped, an edge to a grey node clears `acyclic`, and finished nodes are
+/// written downwards from `position`; otherwise upwards. `out` may be null (no list).
+template <bool Topological, typename Targets>
+void visit(const Targets& adj, int root, int& time, CDiGraph::SearchMarksView marks,
+           std::vector<Frame>& stack, int* out, int outSize, int& position, bool& acyclic)
+{
+    unsigned char* color = marks.color;
+    color[root] = CDiGraph::eGray;
+    marks.distance[root] = ++time;
     stack.push_back({root, 0});
     while (!stack.empty()) {
         Frame& frame = stack.back();
-        const AdjacencyMap& map = m_adjacency[frame.node];
-        const int degree = map.size();
+        const int u = frame.node;
+        const int degree = adj.size(u);
         int k = frame.next;
-        while (k < degree && nodes[map[k].to].color != eWhite)
-            ++k;
-        if (k < degree) {
-            const int v = map[k].to;
-            frame.next = k + 1;
-            nodes[v].pred = frame.node;
-            nodes[v].color = eGray;
-            nodes[v].distance = ++time;
-            stack.push_back({v, 0});
-        } else {
-            const int u = frame.node;
-            stack.pop_back();
-            if (position < capacity)
-                finished[position++] = u;
-            nodes[u].color = eBlack;
-            nodes[u].finish = ++time;
+        int v = -1;
+        for (; k < degree; ++k) {
+            const int t = adj.at(u, k);
+            if constexpr (Topological) {
+                if (t == u)
+                    continue; // self-loops are no cycles here
+                if (color[t] == CDiGraph::eGray)
+                    acyclic = false;
+            }
+            if (color[t] == CDiGraph::eWhite) {
+                v = t;
+                break;
+            }
         }
+        if (v >= 0) {
+            frame.next = k + 1;
+            marks.pred[v] = u;
+            color[v] = CDiGraph::eGray;
+            marks.distance[v] = ++time;
+            stack.push_back({v, 0});
+            continue;
+        }
+        stack.pop_back();
+        if constexpr (Topological) {
+            if (out)
+                out[position--] = u;
+        } else {
+            if (out && position < outSize)
+                out[position++] = u;
+        }
+        color[u] = CDiGraph::eBlack;
+        marks.finish[u] = ++time;
     }
 }
+
+} // namespace
 
 void CDiGraph::DFS(const TPermutation<int>& order)
 {
@@ -165,22 +239,28 @@ void CDiGraph::DFS(const TPermutation<int>& order)
 
 void CDiGraph::DFS(const TPermutation<int>& order, TPermutation<int>& finished)
 {
-    reset_marks();
     const int n = nodes();
+    SearchMarks marks(n);
+    const SearchMarksView view{marks.color.data(), marks.distance.data(), marks.finish.data(),
+                               marks.pred.data()};
+    const MapTargets adj{*this};
     int time = 0;
     int position = 0;
+    bool unused = true;
+    int* out = finished.Size() > 0 ? finished.Data() : nullptr;
     std::vector<Frame> stack;
     // Roots: the entries of order (invalid ones skipped), then every node order does not cover.
     const int given = std::min(order.Size(), n);
     for (int i = 0; i < n; ++i) {
         const int root = order.Size() > 0 ? (i < given ? order[i] : NULL_NODE) : i;
-        if (exists(root) && m_nodes[root].color == eWhite)
-            dfs_visit(time, root, finished, position, stack);
+        if (exists(root) && marks.color[root] == eWhite)
+            visit<false>(adj, root, time, view, stack, out, finished.Size(), position, unused);
     }
     if (order.Size() > 0 && order.Size() < n)
         for (int root = 0; root < n; ++root)
-            if (m_nodes[root].color == eWhite)
-                dfs_visit(time, root, finished, position, stack);
+            if (marks.color[root] == eWhite)
+                visit<false>(adj, root, time, view, stack, out, finished.Size(), position, unused);
+    store_marks(marks);
 }
 
 CDiGraph::dfs_iterator::dfs_iterator(CDiGraph& graph, int start)
@@ -190,65 +270,44 @@ CDiGraph::dfs_iterator::dfs_iterator(CDiGraph& graph, int start)
 
 CDiGraph::dfs_iterator CDiGraph::dfs(int start)
 {
-    reset_marks();
+    const int n = nodes();
     dfs_iterator it(*this, start);
+    SearchMarks marks(n);
     if (exists(start)) {
+        const SearchMarksView view{marks.color.data(), marks.distance.data(), marks.finish.data(),
+                                   marks.pred.data()};
         int time = 0;
         int position = 0;
+        bool unused = true;
         std::vector<Frame> stack;
-        dfs_visit(time, start, it.m_finished, position, stack);
+        visit<false>(MapTargets{*this}, start, time, view, stack, it.m_finished.Data(), n, position, unused);
         it.m_count = position;
     }
+    store_marks(marks);
     it.m_position = it.m_count - 1;
     return it;
 }
 
 // --- topological order ------------------------------------------------------------------------------
 
-bool CDiGraph::tsort_visit(int& time, int root, TPermutation<int>& order, int& position,
-                           std::vector<Frame>& stack)
+namespace {
+
+/// The topological search over all nodes ascending; writes the order (when out is set) from the
+/// back and returns whether no edge led to a grey node.
+template <typename Targets>
+bool topologicalSearch(const Targets& adj, int n, CDiGraph::SearchMarksView marks, int* out)
 {
-    Node* nodes = m_nodes.data();
-    const bool record = order.Size() > 0;
+    int time = 0;
+    int position = n - 1;
     bool acyclic = true;
-    nodes[root].color = eGray;
-    nodes[root].distance = ++time;
-    stack.push_back({root, 0});
-    while (!stack.empty()) {
-        Frame& frame = stack.back();
-        const int u = frame.node;
-        const AdjacencyMap& map = m_adjacency[u];
-        const int degree = map.size();
-        int k = frame.next;
-        int v = -1;
-        for (; k < degree; ++k) {
-            const int t = map[k].to;
-            if (t == u)
-                continue; // self-loops are no cycles here
-            const ENodeColor c = nodes[t].color;
-            if (c == eWhite) {
-                v = t;
-                break;
-            }
-            if (c == eGray)
-                acyclic = false;
-        }
-        if (v >= 0) {
-            frame.next = k + 1;
-            nodes[v].pred = u;
-            nodes[v].color = eGray;
-            nodes[v].distance = ++time;
-            stack.push_back({v, 0});
-        } else {
-            stack.pop_back();
-            if (record)
-                order[position--] = u;
-            nodes[u].color = eBlack;
-            nodes[u].finish = ++time;
-        }
-    }
+    std::vector<Frame> stack;
+    for (int i = 0; i < n; ++i)
+        if (marks.color[i] == CDiGraph::eWhite)
+            visit<true>(adj, i, time, marks, stack, out, n, position, acyclic);
     return acyclic;
 }
+
+} // namespace
 
 bool CDiGraph::topological_sort(TPermutation<int>& order, bool invert)
 {
@@ -257,14 +316,12 @@ bool CDiGraph::topological_sort(TPermutation<int>& order, bool invert)
         return false;
     if (order.Size() > 0 && order.Size() != n)
         order = TPermutation<int>(n);
-    reset_marks();
-    int time = 0;
-    int position = n - 1;
-    bool acyclic = true;
-    std::vector<Frame> stack;
-    for (int i = 0; i < n; ++i)
-        if (m_nodes[i].color == eWhite)
-            acyclic = tsort_visit(time, i, order, position, stack) && acyclic;
+    SearchMarks marks(n);
+    const SearchMarksView view{marks.color.data(), marks.distance.data(), marks.finish.data(),
+                               marks.pred.data()};
+    const bool acyclic =
+        topologicalSearch(MapTargets{*this}, n, view, order.Size() > 0 ? order.Data() : nullptr);
+    store_marks(marks);
     if (order.Size() > 0 && invert)
         order.Invert();
     return acyclic;
@@ -303,7 +360,7 @@ TPermutation<int> CDiGraph::topological_sort_cyclic(bool invert, std::function<b
             bool found = false;
             for (std::size_t a = 0; a < before.size() && !found; ++a)
                 for (std::size_t b = 0; b < members.size() && !found; ++b)
-                    if (edge_ptr(before[a], members[b])) {
+                    if (adj(before[a], members[b])) { // the const look-up: nothing is added
                         entry = members[b];
                         found = true;
                     }
@@ -386,8 +443,17 @@ int CDiGraph::count_CCs() const
 CDiGraph CDiGraph::make_SCC_DAG(CDiGraph* transposed)
 {
     const int n = nodes();
+    // The topological pass (decreasing finishing time, cyclic or not) on compressed lists in the
+    // same order; the records get the same marks as from topological_sort.
+    const detail::CCsrAdjacency out = detail::CCsrAdjacency::FromGraph(*this);
     TPermutation<int> order(n);
-    topological_sort(order, false); // decreasing finishing time, cyclic or not
+    if (n > 0) {
+        SearchMarks marks(n);
+        const SearchMarksView view{marks.color.data(), marks.distance.data(), marks.finish.data(),
+                                   marks.pred.data()};
+        topologicalSearch(CsrTargets{out}, n, view, order.Data());
+        store_marks(marks);
+    }
 
     // Each tree of the depth-first forest of the transpose, rooted in that order, is a component.
     std::vector<int> component(n, -1);
@@ -412,7 +478,7 @@ CDiGraph CDiGraph::make_SCC_DAG(CDiGraph* transposed)
     } else {
         // The trees hold the nodes reachable (in the transpose) from each root among those not yet
         // taken, whatever the visiting order inside a tree, so a plain stack walk finds them.
-        const detail::CCsrAdjacency reverse = detail::CCsrAdjacency::FromGraph(*this).Transposed();
+        const detail::CCsrAdjacency reverse = out.Transposed();
         std::vector<int> root(n, -1);
         std::vector<int> stack;
         for (int i = 0; i < n; ++i) {
@@ -443,8 +509,8 @@ CDiGraph CDiGraph::make_SCC_DAG(CDiGraph* transposed)
     for (int i = 0; i < n; ++i) {
         const int c = component[i];
         members[c].push_back(i);
-        for (const Edge& e : m_adjacency[i]) {
-            const int d = component[e.to];
+        for (const int* it = out.begin(i); it != out.end(i); ++it) {
+            const int d = component[*it];
             if (d != c)
                 dag.m_adjacency[c].findOrAdd(c, d);
         }
@@ -561,14 +627,32 @@ std::vector<std::pair<int, int>> CDiGraph::find_bridges(bool directed) const
 
 namespace {
 
-/// One relaxation sweep of row i over columns [j0, j1): branch-free so that it vectorises.
+/// One relaxation sweep of row i over columns [j0, j1): dist[i][j] takes dist[k][j] + dist[i][k] when
+/// that is smaller (an ordered comparison: false with NaN), and next[i][j] the first hop towards k.
+/// Four columns at a time with SSE 4.1 where available; the sums and comparisons are the same IEEE
+/// single-precision operations as the scalar loop, so the results are identical.
 inline void relaxRow(float* rowI, int* nextI, const float* rowK, float dik, int nik, int j0, int j1)
 {
-    for (int j = j0; j < j1; ++j) {
-        const float s = rowK[j] + dik;
-        const bool better = rowI[j] > s;
-        rowI[j] = better ? s : rowI[j];
-        nextI[j] = better ? nik : nextI[j];
+    int j = j0;
+#ifdef __SSE4_1__
+    const __m128 dik4 = _mm_set1_ps(dik);
+    const __m128i nik4 = _mm_set1_epi32(nik);
+    for (; j + 4 <= j1; j += 4) {
+        const __m128 sum = _mm_add_ps(_mm_loadu_ps(rowK + j), dik4);
+        const __m128 current = _mm_loadu_ps(rowI + j);
+        const __m128 better = _mm_cmpgt_ps(current, sum);
+        _mm_storeu_ps(rowI + j, _mm_blendv_ps(current, sum, better));
+        const __m128i hops = _mm_loadu_si128(reinterpret_cast<const __m128i*>(nextI + j));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(nextI + j),
+                         _mm_blendv_epi8(hops, nik4, _mm_castps_si128(better)));
+    }
+#endif
+    for (; j < j1; ++j) {
+        const float sum = rowK[j] + dik;
+        if (rowI[j] > sum) {
+            rowI[j] = sum;
+            nextI[j] = nik;
+        }
     }
 }
 
