@@ -16,6 +16,7 @@
 #include "core/framework/csize.h"
 #include "core/framework/globalmemory.h"
 #include "core/framework/ptinrect.h"
+#include "core/imageio/imageio.h"
 #include "core/logging/clogger.h"
 #include "core/plexpool/inoncopyable.h"
 #include "core/plexpool/lbcriticalsectionpolicy.h"

@@ -7,6 +7,7 @@
 
 #include "command.h"
 #include "demo.h"
+#include "rendertarget.h"
 
 int main(int argc, char** argv)
 {
@@ -15,6 +16,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     const std::vector<VornCommand> commands = {
         AddDemoCommand(app),
+        AddRenderTargetCommand(app),
     };
     try {
         app.parse(argc, argv);
