@@ -175,6 +175,23 @@ void CCalibrationFeatureDetectHough::addValueToHoughSpace(double& x, double& y, 
                                                           const double* filter, const int& halfSize)
 {
     const int k = halfSize;
+    if (k == 0) {
+        const double w = static_cast<double>(value) * filter[0];
+        if (!(x > -2.0 && x < m_houghWidth + 1.0 && y > -2.0 && y < m_houghHeight + 1.0))
+            return;
+        const int i0 = static_cast<int>(x);
+        const int j0 = static_cast<int>(y);
+        if (i0 < 0 || j0 < 0 || i0 + 1 >= m_houghWidth || j0 + 1 >= m_houghHeight)
+            return;
+        const double fx = (i0 + 1) - x;
+        const double fy = (j0 + 1) - y;
+        double* cell = m_accumulator + accIndex(i0, j0, layer);
+        cell[0] += fy * fx * w;
+        cell[1] += (1 - fx) * fy * w;
+        cell[m_houghWidth] += (1 - fy) * fx * w;
+        cell[m_houghWidth + 1] += (1 - fy) * (1 - fx) * w;
+        return;
+    }
     // Far outside the plane every kernel element is skipped; this also keeps the truncation
     // below within the int range (and drops NaN positions).
     if (!(x > -(k + 2.0) && x < m_houghWidth + k + 1.0 && y > -(k + 2.0) && y < m_houghHeight + k + 1.0))
@@ -237,29 +254,54 @@ bool CCalibrationFeatureDetectHough::setupHoughSpace(float minGradient, const do
     std::vector<double> radii(static_cast<std::size_t>(depth));
     for (int i = 0; i < depth; ++i)
         radii[static_cast<std::size_t>(i)] = (i - m_radiusHalfRange) + m_centreRadius;
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            const std::size_t at = static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + x;
-            float value = magnitude[at];
-            if (!(value > minGradient))
-                continue;
-            if (value == 0.0f && skipZeroVotes)
-                continue;
-            float c = std::cos(direction[at]);
-            float s = std::sin(direction[at]);
-            if (!m_darkFeatures) {
-                c = -c;
-                s = -s;
+    // Every cell of layer l receives only the votes of layer l, pixel after pixel in scan order.
+    // Voting one band of rows layer by layer keeps exactly that order for every cell, while the
+    // cells touched at a time stay within a few rows of one layer.
+    struct SVoter
+    {
+        int x;
+        int y;
+        float value;
+        float c;
+        float s;
+    };
+    constexpr int kBandRows = 16;
+    std::vector<SVoter> voters;
+    try {
+        voters.reserve(static_cast<std::size_t>(width) * kBandRows);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    for (int bandStart = 0; bandStart < height; bandStart += kBandRows) {
+        const int bandEnd = std::min(height, bandStart + kBandRows);
+        voters.clear();
+        for (int y = bandStart; y < bandEnd; ++y) {
+            for (int x = 0; x < width; ++x) {
+                const std::size_t at = static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + x;
+                const float value = magnitude[at];
+                if (!(value > minGradient))
+                    continue;
+                if (value == 0.0f && skipZeroVotes)
+                    continue;
+                float c = std::cos(direction[at]);
+                float s = std::sin(direction[at]);
+                if (!m_darkFeatures) {
+                    c = -c;
+                    s = -s;
+                }
+                voters.push_back({x, y, value, c, s});
             }
-            for (int layer = 0; layer < depth; ++layer) {
-                const double r = radii[static_cast<std::size_t>(layer)];
-                double vx = x + c * r;
-                double vy = y + s * r;
-                addValueToHoughSpace(vx, vy, layer, value, filter, halfSize);
+        }
+        for (int layer = 0; layer < depth; ++layer) {
+            const double r = radii[static_cast<std::size_t>(layer)];
+            for (SVoter& v : voters) {
+                double vx = v.x + v.c * r;
+                double vy = v.y + v.s * r;
+                addValueToHoughSpace(vx, vy, layer, v.value, filter, halfSize);
                 if (m_ringFeatures) {
-                    double wx = x - c * r * 0.5;
-                    double wy = y - s * r * 0.5;
-                    addValueToHoughSpace(wx, wy, layer, value, filter, halfSize);
+                    double wx = v.x - v.c * r * 0.5;
+                    double wy = v.y - v.s * r * 0.5;
+                    addValueToHoughSpace(wx, wy, layer, v.value, filter, halfSize);
                 }
             }
         }
@@ -281,16 +323,17 @@ bool CCalibrationFeatureDetectHough::calcPlanarHough(const double* filter, int h
     } catch (const std::bad_alloc&) {
         return false;
     }
+    // Each column is summed from layer 0 upward, starting at 0.0, one layer plane at a time.
+    std::fill(temporary.begin(), temporary.end(), 0.0);
+    for (int layer = 0; layer < depth; ++layer) {
+        const double* plane = m_accumulator + static_cast<std::size_t>(layer) * planeCells;
+        for (std::size_t cell = 0; cell < planeCells; ++cell)
+            temporary[cell] += plane[cell];
+    }
     double largest = 0.0;
-    for (std::size_t cell = 0; cell < planeCells; ++cell) {
-        const double* column = m_accumulator + cell * static_cast<std::size_t>(depth);
-        double sum = 0.0;
-        for (int layer = 0; layer < depth; ++layer)
-            sum += column[layer];
-        temporary[cell] = sum;
+    for (const double sum : temporary)
         if (sum > largest)
             largest = sum;
-    }
     for (double& value : temporary)
         value = value * 255.0 / largest;
 
@@ -491,10 +534,10 @@ bool CCalibrationFeatureDetectHough::refine2DPositionAndSetRadius()
         const int y = static_cast<int>(ry);
         float maximum = -1.0f;
         int layer = 0;
-        const double* column = m_accumulator + accIndex(x, y, 0);
         for (int l = 0; l < depth; ++l) {
-            if (column[l] > maximum) {
-                maximum = static_cast<float>(column[l]);
+            const double value = m_accumulator[accIndex(x, y, l)];
+            if (value > maximum) {
+                maximum = static_cast<float>(value);
                 layer = l;
             }
         }
@@ -509,7 +552,8 @@ bool CCalibrationFeatureDetectHough::refine2DPositionAndSetRadius()
         if (!parabolaVertex(y - 1, y, y + 1, m_plane[planeIndex(x, y - 1)], m_plane[planeIndex(x, y)],
                             m_plane[planeIndex(x, y + 1)], py))
             continue;
-        if (!parabolaVertex(layer - 1, layer, layer + 1, column[layer - 1], column[layer], column[layer + 1],
+        if (!parabolaVertex(layer - 1, layer, layer + 1, m_accumulator[accIndex(x, y, layer - 1)],
+                            m_accumulator[accIndex(x, y, layer)], m_accumulator[accIndex(x, y, layer + 1)],
                             pl))
             continue;
         f.posX = px;
