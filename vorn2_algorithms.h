@@ -41,10 +41,12 @@
 // Calibration, with the plane point optimiser base it builds on
 #include "datalayer/algorithms/calibration/ccalibrationfeaturedetecthough.h"
 #include "datalayer/algorithms/calibration/ccalibrationfeaturefindgridpositions.h"
+#include "datalayer/algorithms/calibration/ccalibrationfeaturerefinementzhou.h"
 #include "datalayer/algorithms/calibration/ccalibrationimage.h"
 #include "datalayer/algorithms/calibration/ccalibrationpointfeaturedetect.h"
 #include "datalayer/algorithms/calibration/ccalibrationpointintersection.h"
 #include "datalayer/algorithms/calibration/icalibrationimage.h"
+#include "datalayer/algorithms/calibration/icenterpixelcalculator.h"
 #include "datalayer/algorithms/calibration/timage.h"
 #include "datalayer/algorithms/optimisation/aoptimizationpoint.h"
 #include "datalayer/algorithms/optimisation/coptimizeplanepointsbase.h"

@@ -299,8 +299,9 @@ TEST_P(ImageIOFormats, Argb32KeepsColourAndTheFormatsWithAlphaKeepAlpha)
         }
     EXPECT_LE(worstColour, c.tolerance);
     EXPECT_LE(worstOther, c.tolerance);
-    if (c.format == Format::Png || c.format == Format::Tiff)
+    if (c.format == Format::Png || c.format == Format::Tiff) {
         EXPECT_EQ(other.channels(), 4);
+    }
 }
 
 TEST_P(ImageIOFormats, AFileCutShortAtAnyLengthIsRefused)
