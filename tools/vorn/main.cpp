@@ -7,6 +7,7 @@
 
 #include "command.h"
 #include "demo.h"
+#include "findmarks.h"
 #include "rendertarget.h"
 
 int main(int argc, char** argv)
@@ -17,6 +18,7 @@ int main(int argc, char** argv)
     const std::vector<VornCommand> commands = {
         AddDemoCommand(app),
         AddRenderTargetCommand(app),
+        AddFindMarksCommand(app),
     };
     try {
         app.parse(argc, argv);
