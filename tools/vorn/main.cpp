@@ -8,6 +8,7 @@
 #include "command.h"
 #include "demo.h"
 #include "distance.h"
+#include "findmarks.h"
 #include "rendertarget.h"
 #include "tsp.h"
 #include "raster.h"
@@ -29,6 +30,7 @@ int main(int argc, char** argv)
         AddRegisterCommand(app),
         AddDistanceCommand(app),
         AddGraphCommand(app),
+        AddFindMarksCommand(app),
     };
     try {
         app.parse(argc, argv);

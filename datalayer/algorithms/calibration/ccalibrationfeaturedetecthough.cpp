@@ -32,6 +32,25 @@ bool parabolaVertex(double a0, double a1, double a2, double p0, double p1, doubl
     return true;
 }
 
+/// One vote of the unit kernel (weight w) at (x, y) into the layer plane at cells, as
+/// addValueToHoughSpace spreads it with a half size of 0.
+inline void voteUnit(double* cells, int width, int height, double x, double y, double w)
+{
+    if (!(x > -2.0 && x < width + 1.0 && y > -2.0 && y < height + 1.0))
+        return;
+    const int i0 = static_cast<int>(x);
+    const int j0 = static_cast<int>(y);
+    if (i0 < 0 || j0 < 0 || i0 + 1 >= width || j0 + 1 >= height)
+        return;
+    const double fx = (i0 + 1) - x;
+    const double fy = (j0 + 1) - y;
+    double* cell = cells + (static_cast<std::size_t>(j0) * static_cast<std::size_t>(width) + i0);
+    cell[0] += fy * fx * w;
+    cell[1] += (1 - fx) * fy * w;
+    cell[width] += (1 - fy) * fx * w;
+    cell[width + 1] += (1 - fy) * (1 - fx) * w;
+}
+
 /// One local maximum of the plane: its value and its place in scan order (row-major).
 struct SPeakCandidate
 {
@@ -134,21 +153,29 @@ bool CCalibrationFeatureDetectHough::FindFeatures(const ICalibrationImage& image
 
 bool CCalibrationFeatureDetectHough::allocHoughSpace()
 {
-    freeHoughSpace();
-    if (m_houghWidth < 1 || m_houghHeight < 1 || m_houghDepth < 1)
+    if (m_houghWidth < 1 || m_houghHeight < 1 || m_houghDepth < 1) {
+        freeHoughSpace();
         return false;
+    }
     const std::size_t planeCells =
         static_cast<std::size_t>(m_houghWidth) * static_cast<std::size_t>(m_houghHeight);
     const std::size_t limit = std::numeric_limits<std::size_t>::max() / sizeof(double);
     if (planeCells > limit / static_cast<std::size_t>(m_houghDepth))
         return false;
     const std::size_t cells = planeCells * static_cast<std::size_t>(m_houghDepth);
+    // The arrays of an earlier run of the same extents serve again: every stage overwrites them.
+    if (m_accumulator != nullptr && m_plane != nullptr && cells == m_accumulatorCells &&
+        planeCells == m_planeCells)
+        return true;
+    freeHoughSpace();
     m_accumulator = new (std::nothrow) double[cells];
     m_plane = new (std::nothrow) double[planeCells];
     if (m_accumulator == nullptr || m_plane == nullptr) {
         freeHoughSpace();
         return false;
     }
+    m_accumulatorCells = cells;
+    m_planeCells = planeCells;
     return true;
 }
 
@@ -169,6 +196,8 @@ void CCalibrationFeatureDetectHough::freeHoughSpace()
     delete[] m_plane;
     m_accumulator = nullptr;
     m_plane = nullptr;
+    m_accumulatorCells = 0;
+    m_planeCells = 0;
 }
 
 void CCalibrationFeatureDetectHough::addValueToHoughSpace(double& x, double& y, int& layer, float& value,
@@ -265,7 +294,7 @@ bool CCalibrationFeatureDetectHough::setupHoughSpace(float minGradient, const do
         float c;
         float s;
     };
-    constexpr int kBandRows = 16;
+    constexpr int kBandRows = 64;
     std::vector<SVoter> voters;
     try {
         voters.reserve(static_cast<std::size_t>(width) * kBandRows);
@@ -291,6 +320,21 @@ bool CCalibrationFeatureDetectHough::setupHoughSpace(float minGradient, const do
                 }
                 voters.push_back({x, y, value, c, s});
             }
+        }
+        if (halfSize == 0) {
+            const double weight = filter[0];
+            const std::size_t planeCells = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+            for (int layer = 0; layer < depth; ++layer) {
+                const double r = radii[static_cast<std::size_t>(layer)];
+                double* cells = m_accumulator + static_cast<std::size_t>(layer) * planeCells;
+                for (const SVoter& v : voters) {
+                    const double w = static_cast<double>(v.value) * weight;
+                    voteUnit(cells, width, height, v.x + v.c * r, v.y + v.s * r, w);
+                    if (m_ringFeatures)
+                        voteUnit(cells, width, height, v.x - v.c * r * 0.5, v.y - v.s * r * 0.5, w);
+                }
+            }
+            continue;
         }
         for (int layer = 0; layer < depth; ++layer) {
             const double r = radii[static_cast<std::size_t>(layer)];

@@ -6,9 +6,9 @@
 // (inner radius half the outer), darker or brighter than their ground. Records come out in falling
 // peak order with gridX = gridY = -1; the other fields keep their defaults.
 //
-// Ownership: owns the working image, the accumulator (width x height x depth doubles, kept until
-// the next run or the destructor), the plane and the features. It borrows the two filter kernels
-// given to SetFilters (the caller keeps them alive through every FindFeatures) and reads the image
+// Ownership: owns the working image, the accumulator (width x height x depth doubles, kept after a
+// run and reused by a next run of the same extents), the plane and the features. It borrows the two filter
+// kernels given to SetFilters (the caller keeps them alive through every FindFeatures) and reads the image
 // only during FindFeatures. Threads: one object serves one thread at a time.
 //
 // Choices where the behaviour was open:
@@ -128,6 +128,11 @@ protected:
     double* m_plane = nullptr;
     CArray<CCalibrationPointFeatureDetect> m_features;
     int m_reserved = -1;
+
+private:
+    // Extents of the allocated arrays, so that a run of the same size reuses them.
+    std::size_t m_accumulatorCells = 0;
+    std::size_t m_planeCells = 0;
 };
 
 } // namespace DataLayer

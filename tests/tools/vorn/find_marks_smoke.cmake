@@ -1,0 +1,67 @@
+# Runs `vorn find-marks` on a picture that `vorn render-target` made and checks that every true mark
+# comes back with its grid coordinates, within a pixel; then the failure exits.
+# Arguments: -DVORN=<path of vorn> -DWORK_DIR=<scratch directory>
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${WORK_DIR})
+
+function(run_vorn code)
+  execute_process(COMMAND ${VORN} ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL code)
+    message(FATAL_ERROR "vorn ${ARGN}: exit ${rc}, expected ${code}\n${out}${err}")
+  endif()
+endfunction()
+
+set(omit "3,2;6,3")
+execute_process(COMMAND ${VORN} render-target ${WORK_DIR}/t.png --width 640 --height 480 --columns 10 --rows 7
+  --spacing 50 --diameter 20 --omit "${omit}" --origin=-4,2 --tilt-x 15 --tilt-y -10 --blur 1 --noise 2
+  --truth ${WORK_DIR}/t.csv --pattern-out ${WORK_DIR}/p.txt RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "render-target: exit ${rc}\n${out}${err}")
+endif()
+run_vorn(0 find-marks ${WORK_DIR}/t.png --diameter 20 --spacing 50 --pattern ${WORK_DIR}/p.txt --origin=-4,2
+  --csv ${WORK_DIR}/found.csv)
+
+file(STRINGS ${WORK_DIR}/t.csv truth)
+file(STRINGS ${WORK_DIR}/found.csv found)
+list(LENGTH truth truthLines)
+list(LENGTH found foundLines)
+list(GET found 0 header)
+if(NOT header STREQUAL "gridX,gridY,x,y,radius" OR NOT truthLines EQUAL foundLines)
+  message(FATAL_ERROR "found ${foundLines} lines for ${truthLines} true ones; header '${header}'")
+endif()
+list(REMOVE_AT truth 0)
+foreach(line IN LISTS truth)
+  string(REGEX MATCH "^(-?[0-9]+),(-?[0-9]+),([0-9]+)\\.[0-9]+,([0-9]+)\\.[0-9]+$" m "${line}")
+  set(gx ${CMAKE_MATCH_1})
+  set(gy ${CMAKE_MATCH_2})
+  set(tx ${CMAKE_MATCH_3})
+  set(ty ${CMAKE_MATCH_4})
+  set(hit "")
+  foreach(candidate IN LISTS found)
+    if(candidate MATCHES "^${gx},${gy},([0-9]+)\\.[0-9]+,([0-9]+)\\.[0-9]+,")
+      set(hit ${candidate})
+      math(EXPR dx "${CMAKE_MATCH_1} - ${tx}")
+      math(EXPR dy "${CMAKE_MATCH_2} - ${ty}")
+      if(dx GREATER 1 OR dx LESS -1 OR dy GREATER 1 OR dy LESS -1)
+        message(FATAL_ERROR "mark ${gx},${gy}: found at ${candidate}, true ${line}")
+      endif()
+    endif()
+  endforeach()
+  if(hit STREQUAL "")
+    message(FATAL_ERROR "mark ${gx},${gy} (${line}) was not located")
+  endif()
+endforeach()
+
+# Too few marks for the pattern, or the wrong polarity, exit with 1; bad usage and unreadable files with 2.
+execute_process(COMMAND ${VORN} render-target ${WORK_DIR}/four.png --width 200 --height 150 --columns 2 --rows 2
+  --spacing 40 --diameter 10 --noise 2 RESULT_VARIABLE rc OUTPUT_QUIET ERROR_QUIET)
+run_vorn(1 find-marks ${WORK_DIR}/four.png --diameter 10 --spacing 40 --pattern ${WORK_DIR}/p.txt)
+run_vorn(1 find-marks ${WORK_DIR}/t.png --diameter 20 --spacing 50 --bright --pattern ${WORK_DIR}/p.txt)
+run_vorn(2 find-marks ${WORK_DIR}/missing.png --diameter 20 --spacing 50)
+file(WRITE ${WORK_DIR}/junk.png "not a picture")
+run_vorn(2 find-marks ${WORK_DIR}/junk.png --diameter 20 --spacing 50)
+file(WRITE ${WORK_DIR}/bad.txt "xx\nx\n")
+run_vorn(2 find-marks ${WORK_DIR}/t.png --diameter 20 --spacing 50 --pattern ${WORK_DIR}/bad.txt)
+run_vorn(2 find-marks ${WORK_DIR}/t.png --diameter -20 --spacing 50)
+run_vorn(2 find-marks ${WORK_DIR}/t.png --spacing 50)
+run_vorn(2 find-marks ${WORK_DIR}/t.png --diameter 20 --spacing 50 --origin 1)
