@@ -39,6 +39,8 @@
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
 
 // Calibration, with the plane point optimiser base it builds on
+#include "datalayer/algorithms/calibration/ccalibrationfeaturedetecthough.h"
+#include "datalayer/algorithms/calibration/ccalibrationfeaturefindgridpositions.h"
 #include "datalayer/algorithms/calibration/ccalibrationfeaturerefinementzhou.h"
 #include "datalayer/algorithms/calibration/ccalibrationimage.h"
 #include "datalayer/algorithms/calibration/ccalibrationpointfeaturedetect.h"

@@ -5,7 +5,10 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <optional>
 #include <utility>
+
+#include "core/imageio/imageio.h"
 
 namespace DataLayer {
 
@@ -19,6 +22,39 @@ std::int64_t acceptedPixelCount(const CSize& size)
     const std::int64_t count = static_cast<std::int64_t>(size.cx) * static_cast<std::int64_t>(size.cy);
     return count > INT_MAX ? 0 : count;
 }
+
+/// UTF-32 to UTF-8; false for a surrogate or a value beyond U+10FFFF.
+bool toUtf8(const std::wstring& text, std::string& out)
+{
+    out.clear();
+    for (const wchar_t wc : text) {
+        const auto c = static_cast<std::uint32_t>(wc);
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            if (c >= 0xD800 && c <= 0xDFFF)
+                return false;
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c <= 0x10FFFF) {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Status codes left in a bitmap by a failed save.
+constexpr int kStatusBadPath = 2;
+constexpr int kStatusWriteFailed = 7;
 
 } // namespace
 
@@ -185,8 +221,101 @@ bool CCalibrationImage::DownSizeImage(const ICalibrationImage& source, int facto
     return true;
 }
 
+bool CCalibrationImage::DebugLoad(const std::wstring& path, float weightRed, float weightGreen,
+                                  float weightBlue)
+{
+    free();
+    std::string file;
+    if (!toUtf8(path, file))
+        return false;
+    ImageIO::RgbImage picture;
+    try {
+        if (!ImageIO::ReadImage(file, picture))
+            return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (!alloc(CSize(picture.width, picture.height)))
+        return false;
+    init(0.0f);
+    const std::uint8_t* rgb = picture.rgb.data();
+    const std::size_t count =
+        static_cast<std::size_t>(picture.width) * static_cast<std::size_t>(picture.height);
+    for (std::size_t k = 0; k < count; ++k, rgb += 3)
+        m_buffer[k] = static_cast<float>(rgb[0]) * weightRed + static_cast<float>(rgb[1]) * weightGreen +
+                      static_cast<float>(rgb[2]) * weightBlue;
+    return true;
+}
+
+bool CCalibrationImage::DebugSave(const std::wstring& path, eFormat format, bool stretch) const
+{
+    float scale = 1.0f;
+    float offset = 0.0f;
+    if (stretch) {
+        float minimum = std::numeric_limits<float>::max();
+        float maximum = -std::numeric_limits<float>::max();
+        const std::size_t count = static_cast<std::size_t>(m_size.cx) * static_cast<std::size_t>(m_size.cy);
+        for (std::size_t k = 0; k < count; ++k) {
+            const float v = m_buffer[k];
+            if (v == m_invalidValue)
+                continue;
+            if (v < minimum)
+                minimum = v;
+            if (v > maximum)
+                maximum = v;
+        }
+        offset = minimum;
+        scale = 256.0f / (maximum - minimum);
+    }
+    std::unique_ptr<SBitmap> bitmap = createBitmap(scale, offset);
+    if (!bitmap)
+        return false;
+    return writeBitmap(*bitmap, path, format);
+}
+
+bool CCalibrationImage::writeBitmap(SBitmap& bitmap, const std::wstring& path, eFormat format) const
+{
+    if (path.empty())
+        return false;
+    const char* mimeType = nullptr;
+    switch (format) {
+    case eFormatTiff:
+        mimeType = "image/tiff";
+        break;
+    case eFormatBmp:
+        mimeType = "image/bmp";
+        break;
+    case eFormatJpeg:
+        mimeType = "image/jpeg";
+        break;
+    default:
+        return false;
+    }
+    const std::optional<ImageIO::Format> encoder = ImageIO::FormatFromMimeType(mimeType);
+    if (!encoder)
+        return true;
+    std::string file;
+    if (!toUtf8(path, file)) {
+        bitmap.status = kStatusBadPath;
+        return true;
+    }
+    std::vector<std::uint8_t> grey;
+    try {
+        grey.resize(bitmap.pixels.size());
+        for (std::size_t k = 0; k < grey.size(); ++k)
+            grey[k] = static_cast<std::uint8_t>(bitmap.pixels[k] & 0xFFu);
+        if (!ImageIO::WriteGrey8(file, *encoder, grey.data(), bitmap.width, bitmap.height, bitmap.width))
+            bitmap.status = kStatusWriteFailed;
+    } catch (const std::bad_alloc&) {
+        bitmap.status = kStatusWriteFailed;
+    }
+    return true;
+}
+
 std::unique_ptr<CCalibrationImage::SBitmap> CCalibrationImage::createBitmap(float scale, float offset) const
 {
+    if (m_buffer == nullptr)
+        return nullptr;
     std::unique_ptr<SBitmap> bitmap(new (std::nothrow) SBitmap);
     if (!bitmap)
         return nullptr;

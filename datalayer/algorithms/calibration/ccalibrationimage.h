@@ -16,9 +16,16 @@
 // - Copying or assigning an image to itself keeps it unchanged and reports success; downsizing an
 //   image into itself works from a copy of the source.
 // - DownSizeImage with a factor below 1 fails (empty image, invalid value unchanged).
+// - DebugLoad and DebugSave go through core/imageio. Paths are wide (UTF-32) and converted to
+//   UTF-8; a path that isn't valid Unicode fails. DebugLoad decodes the whole picture at once, so
+//   there is no failure of a single pixel. DebugSave writes 8-bit grey (the three equal channels
+//   of the bitmap) and refuses an empty image (false). As on the original platform, a save that
+//   fails after the format was accepted still answers true: its status stays in the bitmap, which
+//   DebugSave releases; these are debugging aids, not a file interface.
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "datalayer/algorithms/calibration/icalibrationimage.h"
@@ -91,6 +98,18 @@ public:
     /// factor is below 1, the new size has no pixel, or the allocation fails.
     bool DownSizeImage(const ICalibrationImage& source, int factor, int minValid);
 
+    /// Replaces this image by the picture file at path (PNG, JPEG, BMP or TIFF), each pixel
+    /// R * weightRed + G * weightGreen + B * weightBlue with the 8-bit channels taken as floats and
+    /// no normalisation. The invalid value is left as it was. False, with an empty image, when the
+    /// file can't be read or decoded or the image can't be allocated.
+    bool DebugLoad(const std::wstring& path, float weightRed, float weightGreen, float weightBlue);
+    /// Writes the image as an 8-bit grey picture: without stretch each value is rounded and
+    /// clamped to 0..255; with stretch the valid values are mapped from their minimum onward by
+    /// 256 / (maximum - minimum) (all equal, or none valid, gives black). Invalid pixels are
+    /// black. False for an empty path, a format outside 0..2, or an empty image; otherwise true
+    /// (see above for a failed save).
+    bool DebugSave(const std::wstring& path, eFormat format, bool stretch) const;
+
 protected:
     /// Releases the buffer and sets the size to 0 x 0; then allocates an uninitialised buffer of the
     /// given size. False when the size is refused or the allocation fails (the image stays empty).
@@ -108,6 +127,9 @@ protected:
     /// NaN), 255 from 256 on, else truncated; an invalid pixel gives 0. Null when the bitmap can't
     /// be allocated.
     std::unique_ptr<SBitmap> createBitmap(float scale, float offset) const;
+    /// Saves the bitmap with the encoder whose MIME type is the format's. False for an empty path or
+    /// a format outside 0..2; otherwise true, with the status of a failed save left in bitmap.
+    bool writeBitmap(SBitmap& bitmap, const std::wstring& path, eFormat format) const;
 
 private:
     float* m_buffer = nullptr;

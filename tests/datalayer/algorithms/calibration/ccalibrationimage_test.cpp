@@ -2,11 +2,14 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
 #include <vector>
 
+#include "core/imageio/imageio.h"
 #include "datalayer/algorithms/calibration/ccalibrationimage.h"
 
 using DataLayer::CCalibrationImage;
@@ -262,4 +265,129 @@ TEST(CCalibrationImage, BitmapRoundsClampsAndBlanksInvalidPixels)
     EXPECT_EQ(scaled->pixels[3], 255u * 0x010101u); // (254.6 - 10) * 2 clamps
     *image.getPointer(0, 0) = 20.2f;
     EXPECT_EQ(image.createBitmap(2.0f, 10.0f)->pixels[0], 20u * 0x010101u);
+}
+
+namespace {
+
+/// A fresh directory for the files of one test.
+std::filesystem::path scratchDirectory(const char* name)
+{
+    const std::filesystem::path dir =
+        std::filesystem::temp_directory_path() / "vorn2_calibration_image" / name;
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+    return dir;
+}
+
+CCalibrationImage loaded(const std::filesystem::path& file)
+{
+    CCalibrationImage image;
+    EXPECT_TRUE(image.DebugLoad(file.wstring(), 1.0f, 0.0f, 0.0f)) << file;
+    return image;
+}
+
+} // namespace
+
+TEST(CCalibrationImage, DebugSaveRoundsClampsAndBlanksAndLoadsBack)
+{
+    const std::filesystem::path dir = scratchDirectory("plain");
+    CCalibrationImage image;
+    ASSERT_TRUE(image.SetSize(CSize(4, 2)));
+    image.SetInvalidValue(-1.0f);
+    const float values[8] = {0.0f,   0.49f, 0.5f,  254.6f,
+                             300.0f, -3.0f, -1.0f, std::numeric_limits<float>::quiet_NaN()};
+    const float grey[8] = {0, 0, 1, 255, 255, 0, 0, 0};
+    for (int k = 0; k < 8; ++k)
+        image.SetPixel(k % 4, k / 4, values[k]);
+    for (const auto& [format, name] : {std::pair{CCalibrationImage::eFormatTiff, "grey.tif"},
+                                       std::pair{CCalibrationImage::eFormatBmp, "grey.bmp"}}) {
+        ASSERT_TRUE(image.DebugSave((dir / name).wstring(), format, false));
+        const CCalibrationImage back = loaded(dir / name);
+        ASSERT_EQ(back.GetSize(), CSize(4, 2));
+        EXPECT_EQ(back.GetInvalidValue(), kLowest);
+        for (int k = 0; k < 8; ++k)
+            EXPECT_EQ(back.GetPixel(k % 4, k / 4), grey[k]) << name << " pixel " << k;
+    }
+    // The format decides the encoding, whatever the file name says.
+    ASSERT_TRUE(image.DebugSave((dir / "really_a_bmp.tif").wstring(), CCalibrationImage::eFormatBmp, false));
+    EXPECT_EQ(loaded(dir / "really_a_bmp.tif").GetPixel(3, 0), 255.0f);
+    // JPEG is lossy but keeps the size; a wide path outside ASCII reaches the file as UTF-8.
+    const std::wstring wide = dir.wstring() + L"/gr\u00fcn.jpg";
+    ASSERT_TRUE(image.DebugSave(wide, CCalibrationImage::eFormatJpeg, false));
+    EXPECT_TRUE(std::filesystem::exists(dir / "gr\xC3\xBCn.jpg"));
+    CCalibrationImage jpeg;
+    ASSERT_TRUE(jpeg.DebugLoad(wide, 1.0f, 0.0f, 0.0f));
+    EXPECT_EQ(jpeg.GetSize(), CSize(4, 2));
+}
+
+TEST(CCalibrationImage, DebugSaveStretchesTheValidRange)
+{
+    const std::filesystem::path dir = scratchDirectory("stretch");
+    CCalibrationImage image;
+    ASSERT_TRUE(image.SetSize(CSize(3, 2)));
+    image.SetInvalidValue(1000.0f);
+    const float values[6] = {10.0f, 12.5f, 15.0f, 19.99f, 20.0f, 1000.0f};
+    for (int k = 0; k < 6; ++k)
+        image.SetPixel(k % 3, k / 3, values[k]);
+    ASSERT_TRUE(image.DebugSave((dir / "s.tif").wstring(), CCalibrationImage::eFormatTiff, true));
+    const CCalibrationImage back = loaded(dir / "s.tif");
+    // (v - 10) * 25.6 + 0.5, truncated; the maximum lands on 256 and clamps to 255.
+    const float expected[6] = {0, 64, 128, 255, 255, 0};
+    for (int k = 0; k < 6; ++k)
+        EXPECT_EQ(back.GetPixel(k % 3, k / 3), expected[k]) << k;
+
+    // All valid values equal, or none valid: black.
+    for (float v : {7.0f, 1000.0f}) {
+        for (int k = 0; k < 5; ++k)
+            image.SetPixel(k % 3, k / 3, v);
+        ASSERT_TRUE(image.DebugSave((dir / "flat.bmp").wstring(), CCalibrationImage::eFormatBmp, true));
+        const CCalibrationImage flat = loaded(dir / "flat.bmp");
+        for (int k = 0; k < 6; ++k)
+            EXPECT_EQ(flat.GetPixel(k % 3, k / 3), 0.0f);
+    }
+}
+
+TEST(CCalibrationImage, DebugLoadWeighsTheChannelsAndFailuresLeaveAnEmptyImage)
+{
+    const std::filesystem::path dir = scratchDirectory("load");
+    const std::uint32_t argb[3] = {0xFF0A141Eu, 0xFFFF0000u, 0x00000001u}; // alpha is ignored on reading
+    ASSERT_TRUE(ImageIO::WriteArgb32Png((dir / "c.png").string(), argb, 3, 1, 3));
+    CCalibrationImage image;
+    image.SetInvalidValue(-2.0f);
+    ASSERT_TRUE(image.DebugLoad((dir / "c.png").wstring(), 0.5f, 0.25f, 2.0f));
+    ASSERT_EQ(image.GetSize(), CSize(3, 1));
+    EXPECT_EQ(image.GetPixel(0, 0), 10 * 0.5f + 20 * 0.25f + 30 * 2.0f);
+    EXPECT_EQ(image.GetPixel(1, 0), 255 * 0.5f);
+    EXPECT_EQ(image.GetPixel(2, 0), 2.0f);
+    EXPECT_EQ(image.GetInvalidValue(), -2.0f);
+
+    EXPECT_FALSE(image.DebugLoad((dir / "missing.png").wstring(), 1.0f, 1.0f, 1.0f));
+    EXPECT_EQ(image.GetSize(), CSize(0, 0));
+    EXPECT_EQ(image.GetInvalidValue(), -2.0f);
+    {
+        std::ofstream junk(dir / "junk.png", std::ios::binary);
+        junk << "not a picture";
+    }
+    EXPECT_FALSE(image.DebugLoad((dir / "junk.png").wstring(), 1.0f, 1.0f, 1.0f));
+    const std::wstring surrogate = (dir / "x").wstring() + static_cast<wchar_t>(0xD800);
+    EXPECT_FALSE(image.DebugLoad(surrogate, 1.0f, 1.0f, 1.0f));
+    EXPECT_EQ(image.GetBuffer(), nullptr);
+}
+
+TEST(CCalibrationImage, DebugSaveRefusals)
+{
+    const std::filesystem::path dir = scratchDirectory("refuse");
+    const CCalibrationImage image = filled(2, 2, 1.0f);
+    EXPECT_FALSE(image.DebugSave(L"", CCalibrationImage::eFormatTiff, false));
+    EXPECT_FALSE(
+        image.DebugSave((dir / "a.tif").wstring(), static_cast<CCalibrationImage::eFormat>(3), false));
+    EXPECT_FALSE(
+        image.DebugSave((dir / "a.tif").wstring(), static_cast<CCalibrationImage::eFormat>(-1), false));
+    EXPECT_FALSE(
+        CCalibrationImage().DebugSave((dir / "empty.tif").wstring(), CCalibrationImage::eFormatTiff, false));
+    EXPECT_FALSE(std::filesystem::exists(dir / "a.tif"));
+    // A save that fails after the format was accepted answers true and writes nothing.
+    EXPECT_TRUE(
+        image.DebugSave((dir / "no" / "such" / "dir.tif").wstring(), CCalibrationImage::eFormatTiff, false));
+    EXPECT_FALSE(std::filesystem::exists(dir / "no"));
 }
