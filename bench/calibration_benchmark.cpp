@@ -13,8 +13,10 @@
 //    for rings the detector looks for the centre spots, whose colour is the ground's).
 //  - OpenCV HoughCircles (HOUGH_GRADIENT, radius range 0.75 to 1.25 of the nominal radius).
 //  OpenCV is limited to one thread (cv::setNumThreads(1)), as this library starts none.
-//  - Library: this library's chain, Hough detection, grid positions and Zhou refinement, built
-//    when its headers are present.
+//  - Library: this library's chain, Hough detection (downsize factor diameter / 10, limits 0.2,
+//    0.2, 0.5, unit filters, radius divisor 2), grid positions and Zhou refinement (for rings with
+//    the edge window's lower bound at 2 so that it sees one edge of the thin ring), built when its
+//    headers are present.
 // Counters: found (detections within a quarter diameter of a true centre, each truth counted once),
 // expected (marks wholly inside the picture), rms_px over the found marks, false_hits (detections
 // that match no mark).
@@ -281,6 +283,10 @@ std::vector<Point> libraryChain(const Scene& sc, const DataLayer::CCalibrationIm
     if (!grid.FindGridPositions(hough.GetFeatures(), s.spacing, -1, &image))
         return result;
     DataLayer::CCalibrationFeatureRefinementZhou zhou;
+    // The default edge window (13 samples) spans both edges of a ring this thin (5 px); let the
+    // radius / 3 rule choose it (7 samples at diameter 20).
+    if (s.rings)
+        zhou.SetHalfLineLengthMin(2);
     if (!zhou.RefineFeatures(image, grid.GetFeatures(), s.rings, !s.bright, -1))
         return result;
     const auto& refined = zhou.GetFeatures();
