@@ -1,10 +1,14 @@
 #include "datalayer/algorithms/calibration/ccalibrationfeaturerefinementzhou.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <typeinfo>
+#include <utility>
 #include <vector>
+
+#include "datalayer/algorithms/numeric/lapack.h"
 
 namespace DataLayer {
 
@@ -36,6 +40,67 @@ double distance(double ax, double ay, double bx, double by)
     return std::hypot(ax - bx, ay - by);
 }
 
+using Mat3 = std::array<double, 9>; // row-major
+
+Mat3 multiply(const Mat3& a, const Mat3& b)
+{
+    Mat3 c{};
+    for (int r = 0; r < 3; ++r)
+        for (int k = 0; k < 3; ++k)
+            for (int j = 0; j < 3; ++j)
+                c[r * 3 + j] += a[r * 3 + k] * b[k * 3 + j];
+    return c;
+}
+
+/// Inverse by the adjugate; false for a singular or non-finite matrix.
+bool invert(const Mat3& m, Mat3& inv)
+{
+    const double c00 = m[4] * m[8] - m[5] * m[7];
+    const double c01 = m[5] * m[6] - m[3] * m[8];
+    const double c02 = m[3] * m[7] - m[4] * m[6];
+    const double det = m[0] * c00 + m[1] * c01 + m[2] * c02;
+    if (!std::isfinite(det) || det == 0.0)
+        return false;
+    inv = {c00 / det, (m[2] * m[7] - m[1] * m[8]) / det, (m[1] * m[5] - m[2] * m[4]) / det,
+           c01 / det, (m[0] * m[8] - m[2] * m[6]) / det, (m[2] * m[3] - m[0] * m[5]) / det,
+           c02 / det, (m[1] * m[6] - m[0] * m[7]) / det, (m[0] * m[4] - m[1] * m[3]) / det};
+    return true;
+}
+
+/// Picture point of the plane point (u, v); false behind or at infinity.
+bool project(const Mat3& h, double u, double v, double& x, double& y)
+{
+    const double w = h[6] * u + h[7] * v + h[8];
+    if (!(std::fabs(w) > 0.0))
+        return false;
+    x = (h[0] * u + h[1] * v + h[2]) / w;
+    y = (h[3] * u + h[4] * v + h[5]) / w;
+    return std::isfinite(x) && std::isfinite(y);
+}
+
+/// Centre of the ellipse that h makes of the plane circle (u, v, rho) minus the projection of
+/// (u, v): the conic C' = H^-T C H^-1 and its centre. False if the image is no ellipse.
+bool perspectiveOffset(const Mat3& h, const Mat3& hInv, double u, double v, double rho, double& dx,
+                       double& dy)
+{
+    const Mat3 c{1.0, 0.0, -u, 0.0, 1.0, -v, -u, -v, u * u + v * v - rho * rho};
+    const Mat3 hInvT{hInv[0], hInv[3], hInv[6], hInv[1], hInv[4], hInv[7], hInv[2], hInv[5], hInv[8]};
+    const Mat3 q = multiply(hInvT, multiply(c, hInv));
+    const double a = q[0], b = 0.5 * (q[1] + q[3]), d = q[4];
+    const double det = a * d - b * b;
+    if (!(det > 0.0) || !std::isfinite(det))
+        return false;
+    const double e = 0.5 * (q[2] + q[6]), f = 0.5 * (q[5] + q[7]);
+    const double ex = (-e * d + f * b) / det;
+    const double ey = (-f * a + e * b) / det;
+    double px = 0.0, py = 0.0;
+    if (!project(h, u, v, px, py))
+        return false;
+    dx = ex - px;
+    dy = ey - py;
+    return std::isfinite(dx) && std::isfinite(dy);
+}
+
 } // namespace
 
 LbVector2d
@@ -54,7 +119,9 @@ CCalibrationFeatureRefinementZhou::CCalibrationFeatureRefinementZhou(
       m_reserved(other.m_reserved),
       m_calculator(other.m_calculator == &other.m_defaultCalculator ? &m_defaultCalculator
                                                                     : other.m_calculator),
-      m_concreteImage(other.m_concreteImage), m_invalidValue(other.m_invalidValue)
+      m_perspectiveCorrection(other.m_perspectiveCorrection),
+      m_perspectiveCorrected(other.m_perspectiveCorrected), m_concreteImage(other.m_concreteImage),
+      m_invalidValue(other.m_invalidValue)
 {
 }
 
@@ -74,6 +141,8 @@ CCalibrationFeatureRefinementZhou::operator=(const CCalibrationFeatureRefinement
         m_reserved = other.m_reserved;
         m_calculator =
             other.m_calculator == &other.m_defaultCalculator ? &m_defaultCalculator : other.m_calculator;
+        m_perspectiveCorrection = other.m_perspectiveCorrection;
+        m_perspectiveCorrected = other.m_perspectiveCorrected;
         m_concreteImage = other.m_concreteImage;
         m_invalidValue = other.m_invalidValue;
     }
@@ -162,6 +231,7 @@ bool CCalibrationFeatureRefinementZhou::RefineFeatures(const ICalibrationImage& 
         if (feature.centerOffset > m_maxCenterOffset || feature.sigmaTotal > m_maxSigma)
             m_features.RemoveAt(i);
     }
+    m_perspectiveCorrected = m_perspectiveCorrection && correctPerspective();
     return !m_features.IsEmpty();
 }
 
@@ -319,10 +389,10 @@ bool CCalibrationFeatureRefinementZhou::calcEdgePoint(sEdgePosition& edge, int h
     const double position = result + static_cast<double>(a);
     if (horizontal) {
         edge.x = position;
-        edge.pixelX = truncToInt(position);
+        edge.pixelX = truncToInt(position + 0.5);
     } else {
         edge.y = position;
-        edge.pixelY = truncToInt(position);
+        edge.pixelY = truncToInt(position + 0.5);
     }
     return true;
 }
@@ -528,6 +598,116 @@ bool CCalibrationFeatureRefinementZhou::fitLineRobust(const LbArray<LbVector2d>&
     } catch (...) {
         return false;
     }
+}
+
+} // namespace DataLayer
+
+namespace DataLayer {
+
+bool CCalibrationFeatureRefinementZhou::correctPerspective()
+{
+    const std::ptrdiff_t count = m_features.GetSize();
+    constexpr int kMinFeatures = 6;
+    if (count < kMinFeatures || count > (1 << 24))
+        return false;
+    const int n = static_cast<int>(count);
+
+    // The lattice must be unambiguous: pairwise distinct grid positions.
+    std::vector<std::pair<int, int>> keys(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i)
+        keys[static_cast<std::size_t>(i)] = {m_features[i].gridX, m_features[i].gridY};
+    std::sort(keys.begin(), keys.end());
+    if (std::adjacent_find(keys.begin(), keys.end()) != keys.end())
+        return false;
+
+    // Normalised coordinates (centroid at 0, mean distance sqrt 2) on both sides.
+    double mu = 0, mv = 0, mx = 0, my = 0;
+    for (int i = 0; i < n; ++i) {
+        mu += m_features[i].gridX;
+        mv += m_features[i].gridY;
+        mx += m_features[i].posX;
+        my += m_features[i].posY;
+    }
+    mu /= n, mv /= n, mx /= n, my /= n;
+    double du = 0, dx = 0;
+    for (int i = 0; i < n; ++i) {
+        du += std::hypot(m_features[i].gridX - mu, m_features[i].gridY - mv);
+        dx += std::hypot(m_features[i].posX - mx, m_features[i].posY - my);
+    }
+    if (!(du > 0.0) || !(dx > 0.0))
+        return false;
+    const double su = std::sqrt(2.0) * n / du, sx = std::sqrt(2.0) * n / dx;
+
+    // x = (h0 u + h1 v + h2) / (h6 u + h7 v + 1), and y likewise, linear in the eight unknowns.
+    TMatrix<double> a(2 * n, 8);
+    TVector<double> b(2 * n);
+    for (int i = 0; i < n; ++i) {
+        const double u = (m_features[i].gridX - mu) * su, v = (m_features[i].gridY - mv) * su;
+        const double x = (m_features[i].posX - mx) * sx, y = (m_features[i].posY - my) * sx;
+        const int r = 2 * i;
+        for (int c = 0; c < 8; ++c)
+            a(r, c) = a(r + 1, c) = 0.0;
+        a(r, 0) = u, a(r, 1) = v, a(r, 2) = 1.0, a(r, 6) = -u * x, a(r, 7) = -v * x;
+        a(r + 1, 3) = u, a(r + 1, 4) = v, a(r + 1, 5) = 1.0, a(r + 1, 6) = -u * y, a(r + 1, 7) = -v * y;
+        b[r] = x;
+        b[r + 1] = y;
+    }
+    TVector<double> hn(8);
+    double cond = 0.0;
+    // A lattice on one line leaves the system rank deficient: a huge condition number.
+    if (!lapack::lssolve(a, b, hn, &cond) || !(cond < 1e8))
+        return false;
+    const Mat3 hNorm{hn[0], hn[1], hn[2], hn[3], hn[4], hn[5], hn[6], hn[7], 1.0};
+    const Mat3 tu{su, 0.0, -su * mu, 0.0, su, -su * mv, 0.0, 0.0, 1.0};
+    const Mat3 txInv{1.0 / sx, 0.0, mx, 0.0, 1.0 / sx, my, 0.0, 0.0, 1.0};
+    const Mat3 h = multiply(txInv, multiply(hNorm, tu));
+    Mat3 hInv{};
+    if (!invert(h, hInv))
+        return false;
+
+    // The lattice must be a plane view: residuals of at most 1 px RMS.
+    double sum2 = 0.0;
+    for (int i = 0; i < n; ++i) {
+        double x = 0.0, y = 0.0;
+        if (!project(h, m_features[i].gridX, m_features[i].gridY, x, y))
+            return false;
+        sum2 += (x - m_features[i].posX) * (x - m_features[i].posX) +
+                (y - m_features[i].posY) * (y - m_features[i].posY);
+    }
+    if (!(sum2 / n <= 1.0))
+        return false;
+
+    // All offsets first, so that a mark whose offset can't be computed leaves everything unchanged.
+    std::vector<std::array<double, 2>> offsets(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) {
+        const CCalibrationPointFeatureDetect& f = m_features[i];
+        const double u = f.gridX, v = f.gridY;
+        // Local scale: the Jacobian determinant of h at (u, v), in square pixels per grid cell.
+        const double w = h[6] * u + h[7] * v + h[8];
+        const double x = (h[0] * u + h[1] * v + h[2]) / w, y = (h[3] * u + h[4] * v + h[5]) / w;
+        const double j00 = (h[0] - x * h[6]) / w, j01 = (h[1] - x * h[7]) / w;
+        const double j10 = (h[3] - y * h[6]) / w, j11 = (h[4] - y * h[7]) / w;
+        const double area = std::fabs(j00 * j11 - j01 * j10);
+        if (!(area > 0.0) || !std::isfinite(area))
+            return false;
+        const double rho = f.radius / std::sqrt(area);
+        double ox = 0.0, oy = 0.0;
+        if (!perspectiveOffset(h, hInv, u, v, rho, ox, oy))
+            return false;
+        if (m_ringFeatures) {
+            double ix = 0.0, iy = 0.0;
+            if (!perspectiveOffset(h, hInv, u, v, rho * 0.5, ix, iy))
+                return false;
+            ox = (2.0 * ix + ox) / 3.0;
+            oy = (2.0 * iy + oy) / 3.0;
+        }
+        offsets[static_cast<std::size_t>(i)] = {ox, oy};
+    }
+    for (int i = 0; i < n; ++i) {
+        m_features[i].posX -= offsets[static_cast<std::size_t>(i)][0];
+        m_features[i].posY -= offsets[static_cast<std::size_t>(i)][1];
+    }
+    return true;
 }
 
 } // namespace DataLayer

@@ -27,6 +27,18 @@
 // - SetCenterPixelCalculator(nullptr) restores the default calculator.
 // - fitLineRobust fails for non-finite points, for negative or non-finite weights, and when a
 //   weighted start line is degenerate; it never throws.
+// - The next edge window is centred on the pixel that holds the edge found, trunc(position + 0.5),
+//   the library's rounding to a pixel. Truncating instead would shift every window towards lower
+//   coordinates and pull both ends of a chord the same way (several hundredths of a pixel on
+//   blurred marks with short windows).
+// - Perspective. The chord midpoints meet at the centre of the projected ellipse, which under
+//   perspective is not the projection of the mark's centre. When the features carry a lattice
+//   (at least six surviving features with pairwise distinct gridX, gridY, not all on one line, and
+//   a plane homography from grid to picture that fits them to 1 px RMS), RefineFeatures fits that
+//   homography to the refined centres and moves each centre by the difference between the
+//   projected circle's ellipse centre and its projected centre (for rings, combined with the same
+//   2:1 weights as the two circles). Otherwise, and with SetPerspectiveCorrection(false), the
+//   positions are the plain chord-midpoint results.
 
 #include <cstdint>
 
@@ -84,6 +96,11 @@ public:
     void SetHalfLineLengthMin(int halfLineLengthMin);
     /// The chord centre strategy; borrowed, must outlive the refinement. Null restores the default.
     void SetCenterPixelCalculator(const ICenterPixelCalculator* calculator);
+    /// Switches the perspective correction of the centres on (default) or off; see the header.
+    void SetPerspectiveCorrection(bool enabled) { m_perspectiveCorrection = enabled; }
+    bool GetPerspectiveCorrection() const { return m_perspectiveCorrection; }
+    /// True if the last RefineFeatures applied the perspective correction.
+    bool IsPerspectiveCorrected() const { return m_perspectiveCorrected; }
 
     /// Refines every feature (posX, posY in full-size image pixels, radius in pixels) on the
     /// image. ringFeatures: marks are rings with a centre of half the radius and the opposite
@@ -129,6 +146,10 @@ protected:
     bool fitLineRobust(const LbArray<LbVector2d>& points, const LbArray<double>* weights, double& slope,
                        double& intercept, double* sigma, double* meanWeight);
 
+    /// Fits the grid-to-picture homography to the refined features and removes the perspective
+    /// offset of each centre; false (features unchanged) when the features carry no usable lattice.
+    bool correctPerspective();
+
     /// The moment-preserving edge locator (Tabatabai and Mitchell) on n samples of a rising step:
     /// position receives the edge in sample indices (sample i covers i - 0.5 .. i + 0.5). False
     /// for a flat or degenerate window (no variance, or a NaN on the way).
@@ -150,6 +171,8 @@ private:
     int m_reserved = -1;
     NCCenterPixelCalculatorDummy m_defaultCalculator;
     const ICenterPixelCalculator* m_calculator = &m_defaultCalculator;
+    bool m_perspectiveCorrection = true;
+    bool m_perspectiveCorrected = false;
     // The image again when it is exactly a CCalibrationImage, whose GetPixel is then called
     // without the virtual dispatch (same values); null otherwise.
     const CCalibrationImage* m_concreteImage = nullptr;
