@@ -9,12 +9,12 @@
 #include "demo.h"
 #include "distance.h"
 #include "findmarks.h"
-#include "rendertarget.h"
-#include "tsp.h"
+#include "graph.h"
 #include "raster.h"
 #include "register.h"
+#include "rendertarget.h"
 #include "roots.h"
-#include "graph.h"
+#include "tsp.h"
 
 int main(int argc, char** argv)
 {
@@ -22,15 +22,9 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", std::string("vorn ") + VORN2_VERSION);
     app.require_subcommand(1);
     const std::vector<VornCommand> commands = {
-        AddDemoCommand(app),
-        AddTspCommand(app),
-        AddRenderTargetCommand(app),
-        AddRootsCommand(app),
-        AddRasterCommand(app),
-        AddRegisterCommand(app),
-        AddDistanceCommand(app),
-        AddGraphCommand(app),
-        AddFindMarksCommand(app),
+        AddDemoCommand(app),     AddTspCommand(app),    AddRenderTargetCommand(app),
+        AddRootsCommand(app),    AddRasterCommand(app), AddRegisterCommand(app),
+        AddDistanceCommand(app), AddGraphCommand(app),  AddFindMarksCommand(app),
     };
     try {
         app.parse(argc, argv);
