@@ -38,6 +38,7 @@
 #include "datalayer/algorithms/optimisation/cdoptimaldesign.h"
 #include "datalayer/algorithms/optimisation/clpsolver.h"
 #include "datalayer/algorithms/optimisation/cnlsobjectivefunction.h"
+#include "datalayer/algorithms/optimisation/cnlssolver.h"
 #include "datalayer/algorithms/optimisation/ctspsolver.h"
 
 // Geometry and transforms
@@ -79,4 +80,3 @@
 #include "datalayer/algorithms/calibration/timage.h"
 #include "datalayer/algorithms/optimisation/aoptimizationpoint.h"
 #include "datalayer/algorithms/optimisation/coptimizeplanepointsbase.h"
-#include "datalayer/algorithms/optimisation/cnlssolver.h"
