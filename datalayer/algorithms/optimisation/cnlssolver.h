@@ -30,8 +30,12 @@
 //   LSSolutionFailed: at the start x then holds the free values (as for an empty residual), later
 //   x and rmse are the last accepted iterate's. So does a damped system with an entry that isn't
 //   finite (a NaN derivative, a StdDev() of the wrong length, damping grown beyond the range).
-// - From z = 0 the explosion test (|h| >= (|z| + 2 eps) 2^52) fires for any step of length 2 or
-//   more: start from a point of the problem's scale, not from the origin.
+// - Constraint rows with a NaN entry (or stored with a width other than N) end the descent with
+//   ConstraintsViolated and the "infeasible constraints" line; they are never silently dropped. Rows
+//   with a right-hand side of +infinity hold everywhere and are left out of the repair program.
+//
+// Two choices differ from the plainest reading of the damped iteration, because that reading fails
+// real fits (both pinned by tests that fail without them):
 // - Steps on a plane: when the iterate lies on a constraint plane, the damped system is solved within
 //   that plane (bordered with the plane's normal) before the step is cut back. Projecting the free
 //   step instead converges to a point that depends on the damping wherever the bounded parameter is
@@ -41,6 +45,12 @@
 //   robustness off this is the plain sum of squares, to the last bit; with weights, a plain sum
 //   would scale the ratio by sigma^2 and stall the damping, and a robust step that moves away from
 //   outliers would be refused.
+//
+// Further properties a caller should know:
+// - From z = 0 the explosion test (|h| >= (|z| + 2 eps) 2^52) fires for any step of length 2 or
+//   more: start from a point of the problem's scale, not from the origin.
+// - A plane that the iterate has reached stays active: every later step is kept on it, also one that
+//   would leave it inward. A fit whose iterate touches a bound on the way ends on that bound.
 // - Rounding at a cut: a step cut back to a plane (or projected onto one) whose end rounds to just
 //   beyond a row that z satisfies is moved back onto that row along its normal, so that a feasible
 //   iterate stays feasible; seen from outside, the ray test would no longer stop the next step.

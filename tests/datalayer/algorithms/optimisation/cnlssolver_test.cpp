@@ -490,6 +490,24 @@ TEST(CNLSSolverFit, AUniformStdDevChangesNeitherSolutionNorConvergence)
     }
 }
 
+TEST(CNLSSolverFit, APlaneOnceReachedStaysActive)
+{
+    // There is no active set: a start on the bound x <= 10 keeps every step on it, even though the
+    // optimum 3 lies inside.
+    Functional f = Offsets({3.0});
+    f.AddBounds(0, 0.0, 10.0);
+    CNLSSolver solver(f, false, 0);
+    solver.SetLogging(false);
+    TVector<double> x = Vec({10.0});
+    double rmse = 0.0;
+    EXPECT_EQ(solver.Run(x, rmse, 50, 1e-3, 0, CNLSSolver::Gibbs), CNLSSolver::SmallStepSize);
+    EXPECT_EQ(x[0], 10.0);
+    // Just inside, the same fit reaches the optimum.
+    x = Vec({9.5});
+    EXPECT_LE(solver.Run(x, rmse, 50, 1e-3, 0, CNLSSolver::Gibbs), CNLSSolver::SmallStepSize);
+    EXPECT_NEAR(x[0], 3.0, 1e-12);
+}
+
 /// y = c0 + c1 t + c2 t^2 with c0 + c1 + c2 = 1 and c2 = 2 c0, with the total derivative in z.
 class ConstrainedQuadratic : public CNLSObjectiveFunction
 {
