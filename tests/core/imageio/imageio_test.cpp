@@ -481,6 +481,12 @@ TEST(ImageIO, BmpPaletteDepthsBitFieldsAndTopDownRowsDecode)
     EXPECT_EQ(rgbAt(image, 0, 0), (std::array<int, 3>{10, 20, 30}));
     EXPECT_EQ(rgbAt(image, 1, 0), (std::array<int, 3>{255, 255, 255}));
     EXPECT_EQ(rgbAt(image, 2, 0), (std::array<int, 3>{0, 0, 0}));
+    // 8 bit, a single pixel, and an index beyond the 3-entry palette.
+    ASSERT_TRUE(decodes(handMadeBmp(1, 1, 8, 0, {{2}}, palette), image));
+    EXPECT_EQ(rgbAt(image, 0, 0), (std::array<int, 3>{10, 20, 30}));
+    ASSERT_TRUE(decodes(handMadeBmp(2, 1, 8, 0, {{200, 1}}, palette), image));
+    EXPECT_EQ(rgbAt(image, 0, 0), (std::array<int, 3>{0, 0, 0}));
+    EXPECT_EQ(rgbAt(image, 1, 0), (std::array<int, 3>{255, 255, 255}));
     // 16 bit 5-5-5: red 31, green 16, blue 1.
     const std::uint16_t v555 = 31 << 10 | 16 << 5 | 1;
     ASSERT_TRUE(decodes(handMadeBmp(1, 1, 16, 0, {{std::uint8_t(v555), std::uint8_t(v555 >> 8)}}), image));
