@@ -45,6 +45,99 @@ void removeAt(CArray<CCalibrationPointFeatureDetect>& list, std::ptrdiff_t index
     list.RemoveAt(index);
 }
 
+/// Buckets of point indices on a uniform grid, for the neighbour queries of the sort and the
+/// growth. Points keep their index order inside each bucket. Queries give exactly what a scan over
+/// all points gives; the grid only skips points that can't qualify.
+class CPointGrid
+{
+public:
+    CPointGrid(const CCalibrationPointFeatureDetect* points, std::ptrdiff_t count, double cellSize)
+    {
+        if (count < 1)
+            return;
+        m_minX = m_maxX = points[0].posX;
+        m_minY = m_maxY = points[0].posY;
+        for (std::ptrdiff_t k = 1; k < count; ++k) {
+            m_minX = std::min(m_minX, points[k].posX);
+            m_maxX = std::max(m_maxX, points[k].posX);
+            m_minY = std::min(m_minY, points[k].posY);
+            m_maxY = std::max(m_maxY, points[k].posY);
+        }
+        // At most about four buckets per point in each direction product; a degenerate or
+        // non-finite extent gives one bucket.
+        const double limit = 2.0 * std::sqrt(static_cast<double>(count)) + 1.0;
+        const double spanX = m_maxX - m_minX;
+        const double spanY = m_maxY - m_minY;
+        m_cell = cellSize;
+        if (!(m_cell > 0.0) || !std::isfinite(m_cell))
+            m_cell = 1.0;
+        m_cell = std::max({m_cell, spanX / limit, spanY / limit});
+        if (!std::isfinite(m_cell) || !(m_cell > 0.0)) {
+            m_cell = 1.0;
+            m_nx = m_ny = 1;
+        } else {
+            m_nx = static_cast<int>(std::min(limit, spanX / m_cell)) + 1;
+            m_ny = static_cast<int>(std::min(limit, spanY / m_cell)) + 1;
+        }
+        m_start.assign(static_cast<std::size_t>(m_nx) * m_ny + 1, 0);
+        m_cellOf.resize(static_cast<std::size_t>(count));
+        for (std::ptrdiff_t k = 0; k < count; ++k) {
+            const std::size_t c = cellIndex(columnOf(points[k].posX), rowOf(points[k].posY));
+            m_cellOf[static_cast<std::size_t>(k)] = c;
+            ++m_start[c + 1];
+        }
+        for (std::size_t c = 1; c < m_start.size(); ++c)
+            m_start[c] += m_start[c - 1];
+        m_items.resize(static_cast<std::size_t>(count));
+        std::vector<std::size_t> fill(m_start.begin(), m_start.end() - 1);
+        for (std::ptrdiff_t k = 0; k < count; ++k)
+            m_items[fill[m_cellOf[static_cast<std::size_t>(k)]]++] = static_cast<int>(k);
+    }
+
+    int columnOf(double x) const
+    {
+        const double c = (x - m_minX) / m_cell;
+        return c >= m_nx - 1 ? m_nx - 1 : (c > 0.0 ? static_cast<int>(c) : 0);
+    }
+    int rowOf(double y) const
+    {
+        const double r = (y - m_minY) / m_cell;
+        return r >= m_ny - 1 ? m_ny - 1 : (r > 0.0 ? static_cast<int>(r) : 0);
+    }
+    int Columns() const { return m_nx; }
+    int Rows() const { return m_ny; }
+    double Cell() const { return m_cell; }
+
+    /// Calls visit(index) for every point in the buckets of columns c0..c1 and rows r0..r1.
+    template <typename Visit> void ForCells(int c0, int c1, int r0, int r1, Visit&& visit) const
+    {
+        c0 = std::max(c0, 0);
+        r0 = std::max(r0, 0);
+        c1 = std::min(c1, m_nx - 1);
+        r1 = std::min(r1, m_ny - 1);
+        for (int r = r0; r <= r1; ++r)
+            for (int c = c0; c <= c1; ++c) {
+                const std::size_t cell = cellIndex(c, r);
+                for (std::size_t k = m_start[cell]; k < m_start[cell + 1]; ++k)
+                    visit(m_items[k]);
+            }
+    }
+
+private:
+    std::size_t cellIndex(int c, int r) const { return static_cast<std::size_t>(r) * m_nx + c; }
+
+    double m_minX = 0.0;
+    double m_maxX = 0.0;
+    double m_minY = 0.0;
+    double m_maxY = 0.0;
+    double m_cell = 1.0;
+    int m_nx = 1;
+    int m_ny = 1;
+    std::vector<std::size_t> m_start{0, 0};
+    std::vector<std::size_t> m_cellOf;
+    std::vector<int> m_items;
+};
+
 } // namespace
 
 CCalibrationFeatureFindGridPositions::NCRhomboidRoi::NCRhomboidRoi(double cx, double cy, double ax, double ay,
@@ -111,27 +204,50 @@ bool CCalibrationFeatureFindGridPositions::sortCalibrationFeatures()
         return false;
     CCalibrationPointFeatureDetect* f = m_features.GetData();
     constexpr int kKept = 9;
+    const CPointGrid grid(f, n, 0.0);
+    std::vector<double> keys(static_cast<std::size_t>(n));
     for (std::ptrdiff_t i = 0; i < n; ++i) {
         // The nine smallest squared distances, ascending; the own distance 0 takes the first place.
         std::array<double, kKept> smallest;
         smallest.fill(std::numeric_limits<double>::infinity());
         const double x = f[i].posX;
         const double y = f[i].posY;
-        for (std::ptrdiff_t j = 0; j < n; ++j) {
+        auto consider = [&](int j) {
             const double dx = f[j].posX - x;
             const double dy = f[j].posY - y;
             const double d2 = dx * dx + dy * dy;
             if (!(d2 < smallest[kKept - 1]))
-                continue;
+                return;
             int k = kKept - 1;
             while (k > 0 && smallest[static_cast<std::size_t>(k - 1)] > d2) {
                 smallest[static_cast<std::size_t>(k)] = smallest[static_cast<std::size_t>(k - 1)];
                 --k;
             }
             smallest[static_cast<std::size_t>(k)] = d2;
+        };
+        // Rings of buckets around the point's bucket. A point in ring k + 1 or beyond lies at least
+        // (k - 1) buckets away even with rounding at the bucket borders, so the search may stop as
+        // soon as the ninth distance is within that.
+        const int c = grid.columnOf(x);
+        const int r = grid.rowOf(y);
+        const int rings = std::max(grid.Columns(), grid.Rows());
+        for (int k = 0; k <= rings; ++k) {
+            if (k == 0) {
+                grid.ForCells(c, c, r, r, consider);
+            } else {
+                grid.ForCells(c - k, c + k, r - k, r - k, consider);
+                grid.ForCells(c - k, c + k, r + k, r + k, consider);
+                grid.ForCells(c - k, c - k, r - k + 1, r + k - 1, consider);
+                grid.ForCells(c + k, c + k, r - k + 1, r + k - 1, consider);
+            }
+            const double reach = (k - 1) * grid.Cell();
+            if (k >= 1 && smallest[kKept - 1] <= reach * reach)
+                break;
         }
-        f[i].rating = smallest[kKept - 1];
+        keys[static_cast<std::size_t>(i)] = smallest[kKept - 1];
     }
+    for (std::ptrdiff_t i = 0; i < n; ++i)
+        f[i].rating = keys[static_cast<std::size_t>(i)];
     std::stable_sort(f, f + n,
                      [](const CCalibrationPointFeatureDetect& a, const CCalibrationPointFeatureDetect& b) {
                          return CCalibrationPointFeatureDetect::FeatureCmp_temporary(&a, &b) < 0;
@@ -345,8 +461,34 @@ bool CCalibrationFeatureFindGridPositions::findRemainingGridPositions(
     queue.push_back({3, 2, 1, -1, -1});
     static constexpr int kStepX[4] = {0, -1, 0, 1};
     static constexpr int kStepY[4] = {-1, 0, 1, 0};
+    // Taken features are only flagged while growing and leave the list at the end, in order; the
+    // grid finds the candidates of a search area without a scan over the whole list. Among equally
+    // near candidates the one earlier in the list wins, as in a scan.
+    const CCalibrationPointFeatureDetect* pool = remaining.GetData();
+    const CPointGrid grid(pool, remaining.GetSize(), 0.0);
+    std::vector<char> taken(static_cast<std::size_t>(remaining.GetSize()), 0);
+    std::ptrdiff_t left = remaining.GetSize();
+    auto nearestCandidate = [&](const NCRhomboidRoi& roi) {
+        int best = -1;
+        double bestDistance = 1.0;
+        grid.ForCells(grid.columnOf(roi.xMin), grid.columnOf(roi.xMax), grid.rowOf(roi.yMin),
+                      grid.rowOf(roi.yMax), [&](int j) {
+                          if (taken[static_cast<std::size_t>(j)])
+                              return;
+                          const double x = pool[j].posX;
+                          const double y = pool[j].posY;
+                          if (x < roi.xMin || x > roi.xMax || y < roi.yMin || y > roi.yMax)
+                              return;
+                          const double d = roi.Distance2(x, y);
+                          if (d < bestDistance || (best >= 0 && d == bestDistance && j < best)) {
+                              bestDistance = d;
+                              best = j;
+                          }
+                      });
+        return best;
+    };
     std::size_t stalls = 0;
-    while (!queue.empty() && !remaining.IsEmpty()) {
+    while (!queue.empty() && left > 0) {
         Record record = queue.front();
         const CCalibrationPointFeatureDetect f = located[record[0]];
         for (int k = 0; k < 4; ++k)
@@ -372,7 +514,7 @@ bool CCalibrationFeatureFindGridPositions::findRemainingGridPositions(
                 ScaledFeature(FeatureDifference(predicted, f), 0.5);
             const NCRhomboidRoi roi(predicted.posX, predicted.posY, forward.posX, forward.posY, sideways.posX,
                                     sideways.posY);
-            if (!roi.valid || remaining.IsEmpty())
+            if (!roi.valid || left == 0)
                 continue;
             // Growth ends at the edge of the table: a position without a table entry takes no mark.
             if (getFeatureIDFromGridPosition(predicted.gridX, predicted.gridY) != -1 ||
@@ -381,13 +523,14 @@ bool CCalibrationFeatureFindGridPositions::findRemainingGridPositions(
                 static_cast<long long>(m_tableOffsetX) + predicted.gridX >= m_tableSizeX ||
                 static_cast<long long>(m_tableOffsetY) + predicted.gridY >= m_tableSizeY)
                 continue;
-            const std::ptrdiff_t candidate = nearestInside(remaining, roi);
+            const int candidate = nearestCandidate(roi);
             if (candidate < 0)
                 continue;
-            CCalibrationPointFeatureDetect found = remaining[candidate];
+            CCalibrationPointFeatureDetect found = pool[candidate];
             found.gridX = predicted.gridX;
             found.gridY = predicted.gridY;
-            removeAt(remaining, candidate);
+            taken[static_cast<std::size_t>(candidate)] = 1;
+            --left;
             const int id = static_cast<int>(located.Add(found));
             setFeatureIDForGridPosition(found.gridX, found.gridY, id);
             queue.push_back({id, -1, -1, -1, -1});
@@ -403,6 +546,14 @@ bool CCalibrationFeatureFindGridPositions::findRemainingGridPositions(
         }
         queue.pop_front();
     }
+    std::ptrdiff_t kept = 0;
+    for (std::ptrdiff_t k = 0; k < remaining.GetSize(); ++k)
+        if (!taken[static_cast<std::size_t>(k)]) {
+            if (kept != k)
+                remaining[kept] = remaining[k];
+            ++kept;
+        }
+    remaining.SetSize(kept);
     return true;
 }
 

@@ -541,3 +541,56 @@ TEST(CCalibrationFeatureDetectHough, BadInputAnswersFalseWithoutFeatures)
     EXPECT_TRUE(hough.FindFeatures(spotted, 20.0, 50.0, 1, false, true, 2, 0));
     EXPECT_GE(hough.GetFeatures().GetSize(), 29);
 }
+
+TEST(CCalibrationFeatureDetectHough, ARunGivesTheSameResultAfterAnyEarlierRun)
+{
+    // The arrays of a run are kept for the next run of the same size; nothing of the earlier
+    // picture may show through.
+    vorn2test::SyntheticScene first = latticeScene(false, true);
+    vorn2test::SyntheticScene second = latticeScene(true, false);
+    second.seed = 99;
+    second.marks = vorn2test::LatticeMarks(5, 4, 60.0, 50.0, 55.0, 11.0);
+    const CCalibrationImage a = vorn2test::RenderScene(first);
+    const CCalibrationImage b = vorn2test::RenderScene(second);
+    const double gauss[9] = {1 / 16.0, 2 / 16.0, 1 / 16.0, 2 / 16.0, 4 / 16.0,
+                             2 / 16.0, 1 / 16.0, 2 / 16.0, 1 / 16.0};
+    CCalibrationFeatureDetectHough fresh;
+    fresh.SetFilters(nullptr, 0, gauss, 1);
+    ASSERT_TRUE(fresh.FindFeatures(b, 22.0, 55.0, 2, true, false, 2, 0));
+    CCalibrationFeatureDetectHough reused;
+    reused.SetFilters(nullptr, 0, gauss, 1);
+    ASSERT_TRUE(reused.FindFeatures(a, 20.0, 50.0, 2, false, true, 2, 0));
+    EXPECT_FALSE(reused.FindFeatures(CCalibrationImage(), 20.0, 50.0, 2, false, true, 2, 0));
+    ASSERT_TRUE(reused.FindFeatures(b, 22.0, 55.0, 2, true, false, 2, 0));
+    ASSERT_EQ(reused.GetFeatures().GetSize(), fresh.GetFeatures().GetSize());
+    EXPECT_EQ(fresh.GetFeatures().GetSize(), 20);
+    for (std::ptrdiff_t n = 0; n < fresh.GetFeatures().GetSize(); ++n) {
+        EXPECT_EQ(reused.GetFeatures()[n].posX, fresh.GetFeatures()[n].posX);
+        EXPECT_EQ(reused.GetFeatures()[n].posY, fresh.GetFeatures()[n].posY);
+        EXPECT_EQ(reused.GetFeatures()[n].radius, fresh.GetFeatures()[n].radius);
+        EXPECT_EQ(reused.GetFeatures()[n].rating, fresh.GetFeatures()[n].rating);
+    }
+}
+
+TEST(CCalibrationFeatureDetectHough, FiltersAreBorrowedAndResetByNull)
+{
+    // A kernel that spreads every vote one cell to the right shifts the peaks by one downsized
+    // pixel; a null kernel restores the unit kernel.
+    const CCalibrationImage image = vorn2test::RenderScene(latticeScene(false, true));
+    CCalibrationFeatureDetectHough plain;
+    ASSERT_TRUE(plain.FindFeatures(image, 20.0, 50.0, 1, false, true, 2, 0));
+    const double shift[9] = {0, 0, 0, 0, 0, 1, 0, 0, 0};
+    CCalibrationFeatureDetectHough shifted;
+    shifted.SetFilters(shift, 1, nullptr, 0);
+    ASSERT_TRUE(shifted.FindFeatures(image, 20.0, 50.0, 1, false, true, 2, 0));
+    ASSERT_EQ(shifted.GetFeatures().GetSize(), plain.GetFeatures().GetSize());
+    for (std::ptrdiff_t n = 0; n < plain.GetFeatures().GetSize(); ++n) {
+        const auto [index, distance] =
+            nearest(shifted.GetFeatures(), plain.GetFeatures()[n].posX + 1.0, plain.GetFeatures()[n].posY);
+        EXPECT_LT(distance, 0.05);
+    }
+    shifted.SetFilters(nullptr, 1, nullptr, 3);
+    ASSERT_TRUE(shifted.FindFeatures(image, 20.0, 50.0, 1, false, true, 2, 0));
+    for (std::ptrdiff_t n = 0; n < plain.GetFeatures().GetSize(); ++n)
+        EXPECT_EQ(shifted.GetFeatures()[n].posX, plain.GetFeatures()[n].posX);
+}

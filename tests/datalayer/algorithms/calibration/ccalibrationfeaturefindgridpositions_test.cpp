@@ -39,6 +39,13 @@ public:
     int TableSizeX() const { return m_tableSizeX; }
     int TableSizeY() const { return m_tableSizeY; }
     int TableOffsetX() const { return m_tableOffsetX; }
+    /// The sort stage alone on the given features; the sorted copy with its keys.
+    CArray<CCalibrationPointFeatureDetect> Sorted(const CArray<CCalibrationPointFeatureDetect>& features)
+    {
+        m_features = features;
+        EXPECT_TRUE(sortCalibrationFeatures());
+        return m_features;
+    }
 };
 
 /// A mark with its true lattice coordinates (tag) for checking the result.
@@ -451,4 +458,56 @@ TEST(CCalibrationFeatureFindGridPositions, DrawingAidsStayInsideTheImage)
     EXPECT_EQ(image.GetPixel(27, 15), 255.0f);
     Access::Roi(image, Roi(1e9, 1e9, 1e9, 0.0, 0.0, 1e9), false);
     Access::Roi(empty, roi, false);
+}
+
+TEST(CCalibrationFeatureFindGridPositions, SortKeysMatchBruteForceOnClusteredClouds)
+{
+    // Tight clusters, duplicates and far outliers stress the bucket search of the neighbours.
+    std::mt19937_64 engine(47110815);
+    std::normal_distribution<double> tight(0.0, 0.5);
+    std::uniform_real_distribution<double> wide(-3000.0, 3000.0);
+    for (int trial = 0; trial < 4; ++trial) {
+        std::vector<STruth> cloud;
+        for (int k = 0; k < 300; ++k)
+            cloud.push_back({500 + tight(engine), 500 + tight(engine), 0, 0});
+        for (int k = 0; k < 100 * trial; ++k)
+            cloud.push_back({wide(engine), wide(engine), 0, 0});
+        for (int k = 0; k < 20; ++k)
+            cloud.push_back(cloud[static_cast<std::size_t>(k)]);
+        if (trial == 3)
+            cloud.push_back({1e7, -1e7, 0, 0});
+        if (trial == 0) // a sparse ring of points around the cluster
+            for (int k = 0; k < 40; ++k)
+                cloud.push_back({500 + 900 * std::cos(k * 0.157), 500 + 900 * std::sin(k * 0.157), 0, 0});
+        GridProbe finder;
+        const CArray<CCalibrationPointFeatureDetect> sorted = finder.Sorted(toFeatures(cloud));
+        ASSERT_EQ(sorted.GetSize(), static_cast<std::ptrdiff_t>(cloud.size()));
+        for (std::ptrdiff_t n = 0; n < sorted.GetSize(); ++n) {
+            const CCalibrationPointFeatureDetect& f = sorted[n];
+            std::vector<double> d2;
+            for (const STruth& m : cloud)
+                d2.push_back((m.x - f.posX) * (m.x - f.posX) + (m.y - f.posY) * (m.y - f.posY));
+            std::nth_element(d2.begin(), d2.begin() + 8, d2.end());
+            ASSERT_EQ(f.rating, d2[8]) << "trial " << trial << " feature " << n;
+            if (n > 0) {
+                ASSERT_LE(sorted[n - 1].rating, f.rating);
+            }
+        }
+    }
+}
+
+TEST(CCalibrationFeatureFindGridPositions, LargeLatticeIsLocatedWhole)
+{
+    const std::vector<STruth> marks = lattice(150, 100, 50, 50, 20, 0.05, 2.0, 5);
+    CCalibrationFeatureFindGridPositions finder;
+    ASSERT_TRUE(finder.FindGridPositions(toFeatures(marks), 20.0, 0, nullptr));
+    EXPECT_EQ(finder.GetFeatures().GetSize(), 15000);
+    for (std::ptrdiff_t n = 0; n < finder.GetFeatures().GetSize(); n += 97) {
+        const CCalibrationPointFeatureDetect& f = finder.GetFeatures()[n];
+        std::vector<double> d2;
+        for (const STruth& m : marks)
+            d2.push_back((m.x - f.posX) * (m.x - f.posX) + (m.y - f.posY) * (m.y - f.posY));
+        std::nth_element(d2.begin(), d2.begin() + 8, d2.end());
+        EXPECT_EQ(f.rating, d2[8]);
+    }
 }
