@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "calibrate.h"
 #include "command.h"
 #include "demo.h"
 #include "rendertarget.h"
@@ -17,6 +18,7 @@ int main(int argc, char** argv)
     const std::vector<VornCommand> commands = {
         AddDemoCommand(app),
         AddRenderTargetCommand(app),
+        AddCalibrateCommand(app),
     };
     try {
         app.parse(argc, argv);
