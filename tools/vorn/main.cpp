@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "calibrate.h"
 #include "command.h"
 #include "demo.h"
 #include "distance.h"
@@ -25,6 +26,9 @@ int main(int argc, char** argv)
         AddDemoCommand(app),     AddTspCommand(app),    AddRenderTargetCommand(app),
         AddRootsCommand(app),    AddRasterCommand(app), AddRegisterCommand(app),
         AddDistanceCommand(app), AddGraphCommand(app),  AddFindMarksCommand(app),
+        AddDemoCommand(app),
+        AddRenderTargetCommand(app),
+        AddCalibrateCommand(app),
     };
     try {
         app.parse(argc, argv);
