@@ -23,12 +23,10 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", std::string("vorn ") + VORN2_VERSION);
     app.require_subcommand(1);
     const std::vector<VornCommand> commands = {
-        AddDemoCommand(app),     AddTspCommand(app),    AddRenderTargetCommand(app),
-        AddRootsCommand(app),    AddRasterCommand(app), AddRegisterCommand(app),
-        AddDistanceCommand(app), AddGraphCommand(app),  AddFindMarksCommand(app),
-        AddDemoCommand(app),
-        AddRenderTargetCommand(app),
-        AddCalibrateCommand(app),
+        AddDemoCommand(app),     AddTspCommand(app),          AddRenderTargetCommand(app),
+        AddRootsCommand(app),    AddRasterCommand(app),       AddRegisterCommand(app),
+        AddDistanceCommand(app), AddGraphCommand(app),        AddFindMarksCommand(app),
+        AddDemoCommand(app),     AddRenderTargetCommand(app), AddCalibrateCommand(app),
     };
     try {
         app.parse(argc, argv);
