@@ -22,12 +22,21 @@ int main(int argc, char** argv)
     CLI::App app{"vorn: the Vorn2 algorithms library on the command line"};
     app.set_version_flag("--version", std::string("vorn ") + VORN2_VERSION);
     app.require_subcommand(1);
+    // One line per subcommand, in the order of `vorn --help`.
+    // clang-format off
     const std::vector<VornCommand> commands = {
-        AddDemoCommand(app),     AddTspCommand(app),          AddRenderTargetCommand(app),
-        AddRootsCommand(app),    AddRasterCommand(app),       AddRegisterCommand(app),
-        AddDistanceCommand(app), AddGraphCommand(app),        AddFindMarksCommand(app),
-        AddDemoCommand(app),     AddRenderTargetCommand(app), AddCalibrateCommand(app),
+        AddDemoCommand(app),
+        AddTspCommand(app),
+        AddRenderTargetCommand(app),
+        AddRootsCommand(app),
+        AddRasterCommand(app),
+        AddRegisterCommand(app),
+        AddDistanceCommand(app),
+        AddGraphCommand(app),
+        AddFindMarksCommand(app),
+        AddCalibrateCommand(app),
     };
+    // clang-format on
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
