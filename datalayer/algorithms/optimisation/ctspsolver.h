@@ -50,7 +50,8 @@ public:
     CPMatrix SolveTSP(const TMatrix<double>& distances, int starts, double& length);
 
     /// Best open path: a closed tour through one added node at distance 0 from all others, cut at that
-    /// node. The path has n entries, each node once; length is the sum of its n - 1 edges.
+    /// node. The path has n entries, each node once; length is the sum of its n - 1 edges. starts
+    /// counts up to n + 1 (the added node may start too); empty and +infinity as for SolveTSP.
     CPMatrix SolveHPP(const TMatrix<double>& distances, int starts, double& length);
 
     /// The r x r Euclidean distance matrix of the r rows of points (any dimension); zero with fewer
