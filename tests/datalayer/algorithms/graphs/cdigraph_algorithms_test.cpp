@@ -144,18 +144,21 @@ TEST(CDiGraphOrder, TopologicalSortRespectsEdgesAndInverts)
         ASSERT_TRUE(IsPermutation(order, 60));
         TPermutation<int> position(60);
         ASSERT_TRUE(g.topological_sort(position, true));
-        for (int k = 0; k < 60; ++k)
+        for (int k = 0; k < 60; ++k) {
             ASSERT_EQ(position[order[k]], k);
+        }
         for (int u = 0; u < 60; ++u)
             for (const CDiGraph::Edge& e : g.edges(u))
-                if (e.to != u)
+                if (e.to != u) {
                     ASSERT_LT(position[u], position[e.to]);
+                }
         // Same order as writing the recursive visit's finishing list backwards.
         std::vector<int> roots(60);
         std::iota(roots.begin(), roots.end(), 0);
         const graphtest::Marks ref = graphtest::ReferenceDFS(g, roots, true);
-        for (int k = 0; k < 60; ++k)
+        for (int k = 0; k < 60; ++k) {
             ASSERT_EQ(order[k], ref.finished[59 - k]);
+        }
     }
 }
 
@@ -201,8 +204,9 @@ TEST(CDiGraphOrder, CyclicSortEntersComponentsWhereTheirPredecessorLeads)
     EXPECT_EQ(g.edges(), 4); // looking for the entry edge adds none
     EXPECT_EQ((std::vector<int>(order.Data(), order.Data() + 4)), (std::vector<int>{3, 1, 2, 0}));
     TPermutation<int> position = g.topological_sort_cyclic(true, nullptr);
-    for (int k = 0; k < 4; ++k)
+    for (int k = 0; k < 4; ++k) {
         EXPECT_EQ(position[order[k]], k);
+    }
 
     CDiGraph ring(3);
     ring.edge(0, 1);
@@ -231,15 +235,17 @@ TEST(CDiGraphOrder, CyclicSortKeepsComponentsInTopologicalOrder)
         // contiguous.
         for (int u = 0; u < 50; ++u)
             for (const CDiGraph::Edge& e : g.edges(u))
-                if (component[u] != component[e.to])
+                if (component[u] != component[e.to]) {
                     ASSERT_LT(position[u], position[e.to]);
+                }
         std::vector<int> first(dag.nodes(), 50), last(dag.nodes(), -1);
         for (int u = 0; u < 50; ++u) {
             first[component[u]] = std::min(first[component[u]], position[u]);
             last[component[u]] = std::max(last[component[u]], position[u]);
         }
-        for (int c = 0; c < dag.nodes(); ++c)
+        for (int c = 0; c < dag.nodes(); ++c) {
             ASSERT_EQ(last[c] - first[c] + 1, static_cast<int>(dag[c].data.as<std::vector<int>>().size()));
+        }
     }
 }
 
@@ -291,8 +297,9 @@ TEST(CDiGraphComponents, CondensationIsTopologicallyNumbered)
             for (int m : members)
                 component[m] = c;
             total += static_cast<int>(members.size());
-            for (const CDiGraph::Edge& e : dag.edges(c))
+            for (const CDiGraph::Edge& e : dag.edges(c)) {
                 ASSERT_LT(c, e.to);
+            }
         }
         ASSERT_EQ(total, 60);
         // Same component exactly when each reaches the other (reachability by repeated walks).
@@ -307,8 +314,9 @@ TEST(CDiGraphComponents, CondensationIsTopologicallyNumbered)
                 for (auto it = g.bfs(v); !it.at_end(); ++it)
                     back = back || it.current() == u;
                 ASSERT_EQ(component[u] == component[v], back);
-                if (component[u] != component[v])
+                if (component[u] != component[v]) {
                     ASSERT_LT(component[u], component[v]);
+                }
             }
         }
         // The edges of the condensation are those between components.
@@ -447,8 +455,9 @@ TEST(CDiGraphPaths, ApspNegativeCycleMatchesThePlainLoop)
             for (int j = 0; j < 3; ++j)
                 if (ref[i * 3 + j] > ref[k * 3 + j] + ref[i * 3 + k])
                     ref[i * 3 + j] = ref[k * 3 + j] + ref[i * 3 + k];
-    for (int c = 0; c < 9; ++c)
+    for (int c = 0; c < 9; ++c) {
         EXPECT_EQ(d.dist[c], ref[c]) << "cell " << c;
+    }
 }
 
 TEST(CDiGraphSpanning, ForestShapes)
@@ -507,8 +516,9 @@ TEST(CDiGraphColouring, HighestDegreeFirstGreedyColouring)
     EXPECT_EQ(colour[2], 0);
     EXPECT_EQ(colors, 2);
     EXPECT_EQ(colour[5], 0);
-    for (int v : {0, 1, 3, 4})
+    for (int v : {0, 1, 3, 4}) {
         EXPECT_EQ(colour[v], 1);
+    }
 }
 
 TEST(CDiGraphColouring, ColoursAreProperAndClassesMatch)
@@ -522,14 +532,16 @@ TEST(CDiGraphColouring, ColoursAreProperAndClassesMatch)
             ASSERT_GE(colour[u], 0);
             ASSERT_LT(colour[u], colors);
             for (const CDiGraph::Edge& e : g.edges(u))
-                if (e.to != u)
+                if (e.to != u) {
                     ASSERT_NE(colour[u], colour[e.to]);
+                }
         }
         const CDisjointSets classes = g.node_coloring();
         ASSERT_EQ(classes.GetNumClasses(), static_cast<unsigned int>(colors));
         for (int u = 0; u < 40; ++u)
-            for (int v = 0; v < 40; ++v)
+            for (int v = 0; v < 40; ++v) {
                 ASSERT_EQ(classes.SameClass(u, v), colour[u] == colour[v]);
+            }
     }
 }
 

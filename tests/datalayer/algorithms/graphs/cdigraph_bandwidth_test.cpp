@@ -48,8 +48,9 @@ TEST(CDiGraphBandwidth, GraphWithoutEdgesGivesTheIdentityForAllFlags)
     CDiGraph g(4);
     g[1].data = 1;
     for (bool inverse : {false, true})
-        for (bool reversed : {false, true})
+        for (bool reversed : {false, true}) {
             EXPECT_EQ(Entries(g.bandwidth_reduction(inverse, reversed)), (std::vector<int>{0, 1, 2, 3}));
+        }
     EXPECT_EQ(CDiGraph().bandwidth_reduction(false, false).Size(), 0);
 }
 
@@ -82,8 +83,9 @@ TEST(CDiGraphBandwidth, FlagsInvertAndReverse)
         }
         // Both flags: the inverse array read backwards (not position k mapped to n-1-k).
         const TPermutation<int> both = g.bandwidth_reduction(true, true);
-        for (int k = 0; k < 45; ++k)
+        for (int k = 0; k < 45; ++k) {
             ASSERT_EQ(both[k], inv[44 - k]);
+        }
     }
 }
 

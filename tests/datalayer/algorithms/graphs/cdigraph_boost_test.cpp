@@ -118,8 +118,9 @@ TEST_P(CDiGraphVsBoost, ArticulationPointsAndBridges)
                       b = static_cast<int>(boost::target(*it, u));
             boostBridges.insert({std::min(a, b), std::max(a, b)});
         }
-    for (const auto& [a, b] : g.find_bridges(false))
+    for (const auto& [a, b] : g.find_bridges(false)) {
         EXPECT_TRUE(ourBridges.insert({std::min(a, b), std::max(a, b)}).second) << "bridge listed twice";
+    }
     EXPECT_EQ(ourBridges, boostBridges);
     // Oriented: every pair is an edge of the graph, each bridge contributes its existing directions.
     std::size_t oriented = 0;
@@ -127,8 +128,9 @@ TEST_P(CDiGraphVsBoost, ArticulationPointsAndBridges)
         oriented += g.exists(a, b) + g.exists(b, a);
     const auto directed = g.find_bridges(true);
     EXPECT_EQ(directed.size(), oriented);
-    for (const auto& [a, b] : directed)
+    for (const auto& [a, b] : directed) {
         EXPECT_TRUE(g.exists(a, b));
+    }
 }
 
 TEST_P(CDiGraphVsBoost, FloydWarshallDistances)

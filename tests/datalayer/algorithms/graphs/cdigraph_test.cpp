@@ -59,8 +59,9 @@ TEST(CDiGraph, NodesAndRangeChecks)
     EXPECT_EQ(g[1].finish, -1);
     EXPECT_TRUE(CDiGraph(-4).empty());
     int count = 0;
-    for (CDiGraph::Node& node : g)
+    for (CDiGraph::Node& node : g) {
         EXPECT_EQ(node.id, count++);
+    }
     EXPECT_EQ(count, 3);
 }
 
@@ -323,8 +324,9 @@ TEST(CDiGraph, TextFormRoundTrip)
     EXPECT_EQ(Edges(back), Edges(r));
     for (int u = 0; u < 30; ++u) {
         EXPECT_EQ(Targets(back, u), Targets(r, u)); // adjacency order survives
-        for (const CDiGraph::Edge& e : back.edges(u))
+        for (const CDiGraph::Edge& e : back.edges(u)) {
             EXPECT_FALSE(e.data);
+        }
     }
 }
 

@@ -86,15 +86,17 @@ TEST(CDisjointSets, ClassIndexAndLookupsAgreeWithABruteForceLabelling)
     for (unsigned int i = 0; i < n; ++i) {
         classes += s.GetClassRep(i) == i;
         EXPECT_EQ(s.GetClassByIndex(s.GetClassIndex(i)), static_cast<int>(s.GetClassRep(i)));
-        for (unsigned int j = 0; j < n; j += 7)
+        for (unsigned int j = 0; j < n; j += 7) {
             ASSERT_EQ(s.SameClass(i, j), label[i] == label[j]);
+        }
     }
     EXPECT_EQ(classes, s.GetNumClasses());
     // The largest class-size entry belongs to a root of a largest class.
     const unsigned int largest = s.GetLargestClassRep();
     EXPECT_EQ(s.GetClassRep(largest), largest);
-    for (unsigned int i = 0; i < n; ++i)
+    for (unsigned int i = 0; i < n; ++i) {
         EXPECT_LE(s.GetClassSize(i), s.GetClassSize(largest));
+    }
 }
 
 TEST(CDisjointSets, IteratorsWalkClassesAndMembersAscending)
