@@ -461,6 +461,63 @@ struct BitField
     }
 };
 
+// Run-length coded 8- or 4-bit rows, bottom row first. Pixels that the stream skips (by a delta or
+// an early end of line) stay black; runs past the right edge are clipped. The stream must reach its
+// end-of-bitmap marker or fill every row, otherwise the file counts as truncated.
+bool decodeBmpRle(const std::uint8_t* p, std::size_t n, std::uint32_t bits, const std::uint8_t (*palette)[3],
+                  std::int64_t width, std::int64_t height, RgbImage& out, std::string& message)
+{
+    out.rgb.assign(std::size_t(width * height * 3), 0);
+    out.width = static_cast<int>(width);
+    out.height = static_cast<int>(height);
+    std::int64_t x = 0, row = 0;
+    std::size_t i = 0;
+    auto put = [&](unsigned index) {
+        if (x < width && row < height)
+            std::memcpy(out.rgb.data() + std::size_t(((height - 1 - row) * width + x) * 3), palette[index],
+                        3);
+        ++x;
+    };
+    while (row < height) {
+        if (n - i < 2) {
+            message = "file is truncated";
+            return false;
+        }
+        const unsigned count = p[i], value = p[i + 1];
+        i += 2;
+        if (count > 0) {
+            for (unsigned k = 0; k < count && x < width; ++k)
+                put(bits == 8 ? value : (k % 2 == 0 ? value >> 4 : value & 15));
+            continue;
+        }
+        if (value == 0) { // end of line
+            x = 0;
+            ++row;
+        } else if (value == 1) { // end of bitmap
+            return true;
+        } else if (value == 2) { // delta
+            if (n - i < 2) {
+                message = "file is truncated";
+                return false;
+            }
+            x += p[i];
+            row += p[i + 1];
+            i += 2;
+        } else { // absolute run of `value` pixels, padded to an even number of bytes
+            const std::size_t bytes = bits == 8 ? value : (value + 1) / 2;
+            const std::size_t padded = bytes + (bytes & 1);
+            if (n - i < padded) {
+                message = "file is truncated";
+                return false;
+            }
+            for (unsigned k = 0; k < value; ++k)
+                put(bits == 8 ? p[i + k] : (k % 2 == 0 ? p[i + k / 2] >> 4 : p[i + k / 2] & 15));
+            i += padded;
+        }
+    }
+    return true;
+}
+
 bool decodeBmpInto(const std::uint8_t* data, std::size_t size, RgbImage& out, std::string& message)
 {
     if (size < 14 + 12) {
@@ -510,11 +567,14 @@ bool decodeBmpInto(const std::uint8_t* data, std::size_t size, RgbImage& out, st
     enum
     {
         kRgb = 0,
+        kRle8 = 1,
+        kRle4 = 2,
         kBitFields = 3,
         kAlphaBitFields = 6
     };
     const bool bitFields = compression == kBitFields || compression == kAlphaBitFields;
-    if (!(compression == kRgb || (bitFields && (bits == 16 || bits == 32)))) {
+    const bool rle = (compression == kRle8 && bits == 8) || (compression == kRle4 && bits == 4);
+    if (!(compression == kRgb || rle || (bitFields && (bits == 16 || bits == 32))) || (rle && topDown)) {
         message = "unsupported compression " + std::to_string(compression);
         return false;
     }
@@ -558,6 +618,13 @@ bool decodeBmpInto(const std::uint8_t* data, std::size_t size, RgbImage& out, st
             palette[i][1] = p[1];
             palette[i][2] = p[0];
         }
+    }
+    if (rle) {
+        if (dataOffset > size) {
+            message = "file is truncated";
+            return false;
+        }
+        return decodeBmpRle(data + dataOffset, size - dataOffset, bits, palette, width, height, out, message);
     }
     std::uint8_t packed[256][4] = {}; // the palette padded to four bytes per entry
     for (int i = 0; i < 256; ++i)

@@ -22,6 +22,12 @@
 //   conversion is applied to any format.
 // - A truncated file is an error in every format, even where the decoder could show the part that
 //   arrived (a JPEG missing its end marker is refused too).
+// - BMP: 1-, 4- and 8-bit palette files (4 and 8 bits also run-length coded; pixels the coding
+//   skips are black, and so are palette indices beyond the palette), 16-, 24- and 32-bit files
+//   with or without bit-field masks, top-down or bottom-up. Embedded JPEG or PNG data is refused.
+// - TIFF: the first image of the file. Plain 8/16-bit grey or RGB(A) strips keep their stored
+//   colour; other layouts (palette, YCbCr, CMYK, tiles, 1-bit, ...) go through libtiff's RGBA
+//   conversion, which premultiplies the colour of an image with unassociated alpha.
 // - Strides are given in elements (not bytes) and may be negative for bottom-up buffers; their
 //   magnitude must be at least the width.
 #include <cstddef>

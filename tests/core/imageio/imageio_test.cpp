@@ -511,12 +511,47 @@ TEST(ImageIO, BmpPaletteDepthsBitFieldsAndTopDownRowsDecode)
     EXPECT_EQ(rgbAt(image, 1, 0), (std::array<int, 3>{7, 8, 9}));
 }
 
+TEST(ImageIO, BmpRunLengthCodingDecodesAndATruncatedStreamFails)
+{
+    const Bytes palette = {0, 0, 0, 0, 255, 255, 255, 0, 30, 20, 10, 0};
+    const std::array<int, 3> black{0, 0, 0}, white{255, 255, 255}, colour{10, 20, 30};
+    // Bottom row: a run of two 1s, an absolute run 2 0 1 (padded), end of line. Top row: a delta of
+    // two columns, one 2, end of line, end of bitmap (20 bytes, so no padding follows).
+    const Bytes stream = {2, 1, 0, 3, 2, 0, 1, 0, 0, 0, 0, 2, 2, 0, 1, 2, 0, 0, 0, 1};
+    const Bytes rle8 = handMadeBmp(5, 2, 8, 1, {stream}, palette);
+    RgbImage image;
+    std::string error;
+    ASSERT_TRUE(decodes(rle8, image, &error)) << error;
+    const std::array<int, 3> bottom[] = {white, white, colour, black, white};
+    const std::array<int, 3> top[] = {black, black, colour, black, black};
+    for (int x = 0; x < 5; ++x) {
+        EXPECT_EQ(rgbAt(image, x, 1), bottom[x]) << x;
+        EXPECT_EQ(rgbAt(image, x, 0), top[x]) << x;
+    }
+    // Cut anywhere before the last row's end of line, the stream is truncated; without only its
+    // end-of-bitmap marker, every row is complete and the picture is accepted.
+    EXPECT_TRUE(decodes(Bytes(rle8.begin(), rle8.end() - 2), image));
+    for (std::size_t length = rle8.size() - stream.size(); length < rle8.size() - 2; ++length)
+        EXPECT_FALSE(decodes(Bytes(rle8.begin(), rle8.begin() + length), image)) << length;
+    // 4 bit: a run alternating 1 and 2, clipped at the edge; then an absolute run 2 1 0.
+    ASSERT_TRUE(decodes(handMadeBmp(3, 2, 4, 2, {{5, 0x12, 0, 0, 0, 3, 0x21, 0x00, 0, 1}}, palette), image));
+    EXPECT_EQ(rgbAt(image, 0, 1), white);
+    EXPECT_EQ(rgbAt(image, 1, 1), colour);
+    EXPECT_EQ(rgbAt(image, 2, 1), white);
+    EXPECT_EQ(rgbAt(image, 0, 0), colour);
+    EXPECT_EQ(rgbAt(image, 1, 0), white);
+    EXPECT_EQ(rgbAt(image, 2, 0), black);
+    // Run-length coding with rows stored top-down doesn't exist.
+    EXPECT_FALSE(decodes(handMadeBmp(5, -2, 8, 1, {stream}, palette), image, &error));
+}
+
 TEST(ImageIO, BmpWithUnsupportedOrImpossibleHeadersIsRefused)
 {
     RgbImage image;
     std::string error;
-    EXPECT_FALSE(decodes(handMadeBmp(2, 2, 8, 1, {{0, 0}, {0, 0}}), image, &error)); // RLE8
+    EXPECT_FALSE(decodes(handMadeBmp(2, 2, 8, 2, {{0, 0}, {0, 0}}), image, &error)); // RLE4 code on 8 bits
     EXPECT_NE(error.find("compression"), std::string::npos) << error;
+    EXPECT_FALSE(decodes(handMadeBmp(2, 2, 24, 4, {{0, 0}, {0, 0}}), image, &error)); // embedded JPEG
     EXPECT_FALSE(decodes(handMadeBmp(2, 2, 7, 0, {{0, 0}, {0, 0}}), image, &error));
     EXPECT_FALSE(decodes(handMadeBmp(0, 2, 24, 0, {}), image, &error));
     EXPECT_FALSE(decodes(handMadeBmp(40000, 40000, 24, 0, {}), image, &error));
