@@ -195,6 +195,25 @@ TEST(ZhouFitLineRobust, ExactLineAtLargeCoordinatesStopsAtOnce)
     EXPECT_EQ(meanWeight, 1.0);
 }
 
+TEST(ZhouFitLineRobust, LineExactUpToRoundingConvergesInsteadOfFailing)
+{
+    // Midpoints of a noise-free disc all lie on one row; rounding leaves a start variance of
+    // ~1e-28, after which the reweighted variance may come out exactly 0. That is convergence.
+    ZhouProbe z;
+    for (double eps : {1e-14, 3e-13, 1e-12}) {
+        LbArray<LbVector2d> p;
+        for (int i = 0; i < 29; ++i)
+            p.push_back(LbVector2d(27.0 + i, 39.0));
+        p[13].y += eps;
+        double slope = 1, intercept = 0, sigma = -1, meanWeight = -1;
+        ASSERT_TRUE(z.fitLineRobust(p, nullptr, slope, intercept, &sigma, &meanWeight)) << eps;
+        EXPECT_NEAR(slope, 0.0, 1e-13);
+        EXPECT_NEAR(intercept, 39.0, 1e-11);
+        EXPECT_LT(sigma, 1e-11);
+        EXPECT_GT(meanWeight, 0.9);
+    }
+}
+
 TEST(ZhouFitLineRobust, GrossOutlierGetsNoWeightAndTheInliersDecide)
 {
     // Inliers scattered by a seeded +-0.05 around y = -0.5 x + 3, one point 40 units off. The
@@ -782,8 +801,9 @@ TEST_P(ZhouAccuracyOnRenderedTargets, RmsErrorWellBelowCentroids)
     EXPECT_LT(r.rms, 0.6 * r.rmsCentroid);
     // A ring's 2:1 combination halves the perspective offset already; for discs the correction
     // must show clearly.
-    if (!c.ring)
+    if (!c.ring) {
         EXPECT_LT(r.rms, 0.6 * r.rmsEllipse) << "corrected towards the projected centres";
+    }
 }
 
 TEST_P(ZhouAccuracyOnRenderedTargets, WithoutCorrectionTheChordsFindTheEllipseCentres)
@@ -791,8 +811,9 @@ TEST_P(ZhouAccuracyOnRenderedTargets, WithoutCorrectionTheChordsFindTheEllipseCe
     const RefineCase c = GetParam();
     const AccuracyResult r = measureAccuracy({1.0, 2.0, 20.0, 30.0, c.dark, c.ring, false}, 4711);
     EXPECT_LT(r.rmsEllipse, 0.015);
-    if (!c.ring)
+    if (!c.ring) {
         EXPECT_GT(r.rms, 1.5 * r.rmsEllipse) << "a 30 degree tilt moves the ellipse centres visibly";
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Marks, ZhouAccuracyOnRenderedTargets,
