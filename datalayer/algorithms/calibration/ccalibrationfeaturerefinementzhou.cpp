@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <typeinfo>
 #include <utility>
@@ -20,6 +21,8 @@ constexpr double kTukeyConstant = 4.6851;
 constexpr double kChordAngle = 0.7853981633974483;
 constexpr int kMaxRounds = 100;
 constexpr int kMaxRobustRound = 15;
+constexpr std::uint32_t kCacheSize = 4096; // a power of two
+constexpr std::uint32_t kCacheProbes = 8;
 
 // Integers derived from positions stay well inside the int range, so that sums and differences
 // of them can't overflow; anything beyond lies outside every image anyway.
@@ -37,7 +40,8 @@ int truncToInt(double v)
 
 double distance(double ax, double ay, double bx, double by)
 {
-    return std::hypot(ax - bx, ay - by);
+    const double dx = ax - bx, dy = ay - by;
+    return std::sqrt(dx * dx + dy * dy);
 }
 
 using Mat3 = std::array<double, 9>; // row-major
@@ -239,6 +243,21 @@ bool CCalibrationFeatureRefinementZhou::refineSinglePosition(const sFeaturePosit
                                                              sFeaturePosition& result, double radius,
                                                              int halfLine, bool dark)
 {
+    // A fresh generation of the edge cache for this circle; 0 (no cache) again on the way out.
+    if (m_edgeCache.empty())
+        m_edgeCache.resize(kCacheSize);
+    if (++m_cacheCounter == 0) {
+        for (SEdgeCacheEntry& e : m_edgeCache)
+            e.generation = 0;
+        m_cacheCounter = 1;
+    }
+    struct CacheScope
+    {
+        unsigned& generation;
+        ~CacheScope() { generation = 0; }
+    } scope{m_cacheGeneration};
+    m_cacheGeneration = m_cacheCounter;
+
     sFeaturePosition current = start;
     CArray<sFeaturePosition> history;
     for (int round = 1;; ++round) {
@@ -266,8 +285,8 @@ bool CCalibrationFeatureRefinementZhou::calcZhou(sFeaturePosition& position, dou
     const int minChords = truncToInt(2.0 * radius * std::sin(angle) * 0.6666666666666666 + 0.5);
     const double r2 = radius * radius;
 
-    LbArray<LbVector2d> points;
-    points.reserve(std::max(0, std::max(x1 - x0, y1 - y0) + 1));
+    LbArray<LbVector2d>& points = m_points;
+    points.clear();
 
     // Column chords: top and bottom edge of the mark in each column.
     for (int x = x0; x <= x1; ++x) {
@@ -327,7 +346,9 @@ bool CCalibrationFeatureRefinementZhou::calcEdgePointIter(sEdgePosition& edge, i
 {
     const sEdgePosition start = edge;
     sEdgePosition current = edge;
-    CArray<sEdgePosition> history;
+    CArray<sEdgePosition>& history = m_edgeHistory;
+    if (!history.IsEmpty())
+        history.RemoveAt(0, history.GetSize()); // keeps the block for the next search
     for (int round = 1;; ++round) {
         if (checkEdgeHistory(current, history, edge))
             return true;
@@ -343,17 +364,33 @@ bool CCalibrationFeatureRefinementZhou::calcEdgePointIter(sEdgePosition& edge, i
 bool CCalibrationFeatureRefinementZhou::readWindow(int fixed, int start, int n, bool horizontal, float sign,
                                                    float* samples) const
 {
+    // Non-finite values are not tested here: they fail later, in the moments.
     const float invalid = m_invalidValue;
-    for (int i = 0; i < n; ++i) {
-        const int x = horizontal ? start + i : fixed;
-        const int y = horizontal ? fixed : start + i;
-        const float v = m_concreteImage != nullptr ? m_concreteImage->CCalibrationImage::GetPixel(x, y)
-                                                   : m_image->GetPixel(x, y);
-        if (v == invalid || !std::isfinite(v))
-            return false;
-        samples[i] = v * sign;
+    bool anyInvalid = false;
+    if (m_concreteImage != nullptr) {
+        const CCalibrationImage& image = *m_concreteImage;
+        if (horizontal) {
+            for (int i = 0; i < n; ++i) {
+                const float v = image.CCalibrationImage::GetPixel(start + i, fixed);
+                anyInvalid |= v == invalid;
+                samples[i] = v * sign;
+            }
+        } else {
+            for (int i = 0; i < n; ++i) {
+                const float v = image.CCalibrationImage::GetPixel(fixed, start + i);
+                anyInvalid |= v == invalid;
+                samples[i] = v * sign;
+            }
+        }
+    } else {
+        for (int i = 0; i < n; ++i) {
+            const float v =
+                horizontal ? m_image->GetPixel(start + i, fixed) : m_image->GetPixel(fixed, start + i);
+            anyInvalid |= v == invalid;
+            samples[i] = v * sign;
+        }
     }
-    return true;
+    return !anyInvalid;
 }
 
 bool CCalibrationFeatureRefinementZhou::calcEdgePoint(sEdgePosition& edge, int halfLine, bool horizontal,
@@ -364,6 +401,34 @@ bool CCalibrationFeatureRefinementZhou::calcEdgePoint(sEdgePosition& edge, int h
         return false;
     if (halfLine < 1)
         return false;
+
+    // Within one refineSinglePosition the result depends only on the pixel, the direction and the
+    // polarity: later rounds of the chord method revisit most pixels, so they are looked up.
+    SEdgeCacheEntry* slot = nullptr;
+    const unsigned flags = (horizontal ? 1u : 0u) | (rising ? 2u : 0u);
+    if (m_cacheGeneration != 0) {
+        const std::uint32_t hash = (static_cast<std::uint32_t>(edge.pixelX) * 73856093u) ^
+                                   (static_cast<std::uint32_t>(edge.pixelY) * 19349663u) ^
+                                   (flags * 83492791u);
+        for (std::uint32_t probe = 0; probe < kCacheProbes; ++probe) {
+            SEdgeCacheEntry& e = m_edgeCache[(hash + probe) & (kCacheSize - 1)];
+            if (e.generation != m_cacheGeneration) {
+                if (slot == nullptr)
+                    slot = &e;
+                continue;
+            }
+            if (e.pixelX == edge.pixelX && e.pixelY == edge.pixelY && e.flags == flags) {
+                if (!e.found)
+                    return false;
+                applyEdge(edge, e.position, horizontal);
+                return true;
+            }
+        }
+        if (slot == nullptr)
+            slot = &m_edgeCache[hash & (kCacheSize - 1)];
+        *slot = SEdgeCacheEntry{edge.pixelX, edge.pixelY, flags, m_cacheGeneration, false, 0.0};
+    }
+
     const long long n = 2LL * halfLine + 1;
     const long long a = static_cast<long long>(horizontal ? edge.pixelX : edge.pixelY) - halfLine;
     const long long extent = horizontal ? m_imageWidth : m_imageHeight;
@@ -387,6 +452,16 @@ bool CCalibrationFeatureRefinementZhou::calcEdgePoint(sEdgePosition& edge, int h
     if (!locateMomentEdge(samples, static_cast<int>(n), result))
         return false;
     const double position = result + static_cast<double>(a);
+    if (slot != nullptr) {
+        slot->found = true;
+        slot->position = position;
+    }
+    applyEdge(edge, position, horizontal);
+    return true;
+}
+
+void CCalibrationFeatureRefinementZhou::applyEdge(sEdgePosition& edge, double position, bool horizontal)
+{
     if (horizontal) {
         edge.x = position;
         edge.pixelX = truncToInt(position + 0.5);
@@ -394,34 +469,32 @@ bool CCalibrationFeatureRefinementZhou::calcEdgePoint(sEdgePosition& edge, int h
         edge.y = position;
         edge.pixelY = truncToInt(position + 0.5);
     }
-    return true;
 }
 
 bool CCalibrationFeatureRefinementZhou::locateMomentEdge(const float* samples, int n, double& position)
 {
     if (samples == nullptr || n < 1)
         return false;
-    double sum = 0.0;
-    for (int i = 0; i < n; ++i)
-        sum += samples[i];
-    const double mean = sum / n;
-    double s2 = 0.0;
-    double s3 = 0.0;
+    // Raw moments of the samples relative to the first one: central moments are shift invariant,
+    // and the differences stay within the window's contrast, so nothing large cancels.
+    const double origin = samples[0];
+    double s1 = 0.0, s2 = 0.0, s3 = 0.0;
     for (int i = 0; i < n; ++i) {
-        const double c = samples[i] - mean;
-        const double c2 = c * c;
-        s2 += c2;
-        s3 += c2 * c;
+        const double d = samples[i] - origin;
+        const double d2 = d * d;
+        s1 += d;
+        s2 += d2;
+        s3 += d2 * d;
     }
-    const double var = s2 / n;
-    const double mu3 = s3 / n;
-    if (!(var > 0.0))
+    const double m1 = s1 / n, m2 = s2 / n, m3 = s3 / n;
+    const double var = m2 - m1 * m1;
+    const double mu3 = m3 - 3.0 * m1 * m2 + 2.0 * m1 * m1 * m1;
+    // sigma^3 = var^1.5 must reach the double epsilon, that is var^3 its square.
+    if (!(var > 0.0) || !(var * var * var >= kDoubleEpsilon * kDoubleEpsilon))
         return false;
-    const double sigma3 = std::sqrt(var) * var;
-    if (!(std::fabs(sigma3) >= kDoubleEpsilon))
-        return false;
-    const double sk = mu3 / sigma3;
-    const double p = (std::sqrt(1.0 / (sk * sk + 4.0)) * sk + 1.0) * 0.5;
+    // With the skewness sk = mu3 / sigma^3, p = (sk / sqrt(sk^2 + 4) + 1) / 2, written without
+    // forming sk: sk / sqrt(sk^2 + 4) = mu3 / sqrt(mu3^2 + 4 var^3).
+    const double p = (mu3 / std::sqrt(mu3 * mu3 + 4.0 * var * var * var) + 1.0) * 0.5;
     if (std::isnan(p))
         return false;
     position = n * p - 0.5;
@@ -515,11 +588,27 @@ bool CCalibrationFeatureRefinementZhou::fitLineRobust(const LbArray<LbVector2d>&
         if (allXEqual)
             return false;
 
-        auto userWeight = [&](int i) { return weights != nullptr ? (*weights)[i] : 1.0; };
+        // Shifted coordinates and user weights, once (a small stack buffer for chord-sized fits).
+        constexpr int kStackPoints = 64;
+        double stackBuffer[3 * kStackPoints];
+        std::vector<double> heapBuffer;
+        double* xs = stackBuffer;
+        if (n > kStackPoints) {
+            heapBuffer.resize(3 * static_cast<std::size_t>(n));
+            xs = heapBuffer.data();
+        }
+        double* ys = xs + n;
+        double* uw = ys + n;
+        for (int i = 0; i < n; ++i) {
+            xs[i] = points[i].x - ox;
+            ys[i] = points[i].y - oy;
+            uw[i] = weights != nullptr ? (*weights)[i] : 1.0;
+        }
+        auto userWeight = [&](int i) { return uw[i]; };
         double a = 0.0; // slope
         double b = 0.0; // intercept in the shifted frame
         auto residual2 = [&](int i) {
-            const double r = (points[i].y - oy) - (a * (points[i].x - ox) + b);
+            const double r = ys[i] - (a * xs[i] + b);
             return r * r;
         };
         // One weighted solve; false when the system is degenerate.
@@ -536,8 +625,8 @@ bool CCalibrationFeatureRefinementZhou::fitLineRobust(const LbArray<LbVector2d>&
         Sw = Swx = Swy = Swxx = Swxy = 0.0;
         for (int i = 0; i < n; ++i) {
             const double w = userWeight(i);
-            const double x = points[i].x - ox;
-            const double y = points[i].y - oy;
+            const double x = xs[i];
+            const double y = ys[i];
             Sw += w;
             Swx += w * x;
             Swy += w * y;
@@ -563,8 +652,8 @@ bool CCalibrationFeatureRefinementZhou::fitLineRobust(const LbArray<LbVector2d>&
                     if (u > 1.0)
                         continue;
                     const double w = (1.0 - u) * (1.0 - u) * userWeight(i);
-                    const double x = points[i].x - ox;
-                    const double y = points[i].y - oy;
+                    const double x = xs[i];
+                    const double y = ys[i];
                     Sw += w;
                     Swx += w * x;
                     Swy += w * y;
@@ -575,7 +664,9 @@ bool CCalibrationFeatureRefinementZhou::fitLineRobust(const LbArray<LbVector2d>&
                 if (!solve())
                     return false;
                 const double newVar = Swrr / Sw;
-                if (std::fabs(1.0 - newVar / var) <= kFloatEpsilon || round >= kMaxRobustRound) {
+                // newVar 0: the kept points lie exactly on the line, which is as converged as it gets.
+                if (newVar == 0.0 || std::fabs(1.0 - newVar / var) <= kFloatEpsilon ||
+                    round >= kMaxRobustRound) {
                     finalSigma = std::sqrt(newVar);
                     finalMeanWeight = Sw / n;
                     break;

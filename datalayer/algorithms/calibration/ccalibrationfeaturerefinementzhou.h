@@ -22,11 +22,14 @@
 // - An edge window that holds a pixel equal to the image's invalid value, or a non-finite pixel,
 //   fails that edge search (missing data never poses as an edge); that chord is skipped.
 // - An edge window needs at least three samples: a half line length below 1 fails every search.
-// - The moments of an edge window are taken about its mean (two passes), which gives the same
-//   values as the raw-moment formula without its cancellation at large grey levels.
+// - The moments of an edge window are taken relative to its first sample (central moments don't
+//   change with the shift), which avoids the raw-moment formula's cancellation at large grey
+//   levels.
 // - SetCenterPixelCalculator(nullptr) restores the default calculator.
 // - fitLineRobust fails for non-finite points, for negative or non-finite weights, and when a
-//   weighted start line is degenerate; it never throws.
+//   weighted system is degenerate (det <= 1e-14 * Sw * Swxx); it never throws. A reweighted round
+//   whose kept points lie exactly on their line (new variance 0) ends the fit with sigma 0 rather
+//   than failing, so that noise-free chords (all midpoints on one pixel row) don't lose a mark.
 // - The next edge window is centred on the pixel that holds the edge found, trunc(position + 0.5),
 //   the library's rounding to a pixel. Truncating instead would shift every window towards lower
 //   coordinates and pull both ends of a chord the same way (several hundredths of a pixel on
@@ -41,6 +44,7 @@
 //   positions are the plain chord-midpoint results.
 
 #include <cstdint>
+#include <vector>
 
 #include "core/base/lbarray.h"
 #include "core/base/lbvector.h"
@@ -177,6 +181,25 @@ private:
     // without the virtual dispatch (same values); null otherwise.
     const CCalibrationImage* m_concreteImage = nullptr;
     float m_invalidValue = 0.0f;
+    // Working storage of the edge and chord searches, kept between calls so that the inner loops
+    // don't allocate; never copied, never part of the results. The edge cache holds the results
+    // of calcEdgePoint for the circle that refineSinglePosition is working on (entries of other
+    // generations are stale); generation 0 means no cache.
+    struct SEdgeCacheEntry
+    {
+        int pixelX;
+        int pixelY;
+        unsigned flags;
+        unsigned generation;
+        bool found;
+        double position;
+    };
+    static void applyEdge(sEdgePosition& edge, double position, bool horizontal);
+    CArray<sEdgePosition> m_edgeHistory;
+    LbArray<LbVector2d> m_points;
+    std::vector<SEdgeCacheEntry> m_edgeCache;
+    unsigned m_cacheGeneration = 0;
+    unsigned m_cacheCounter = 0;
 };
 
 } // namespace DataLayer
