@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -965,17 +964,20 @@ struct LogLine
 std::vector<LogLine> Parse(const std::string& log)
 {
     std::vector<LogLine> lines;
-    const std::regex sampling(R"(\(NLS\) SAMPLING FOR MULTISTART RUN (\d+) OF (\d+) \(try #(\d+)\))");
-    const std::regex failed(R"(\(NLS\) multistart run #(\d+)/#(\d+) failed: close to singular matrix)");
     std::size_t start = 0;
     while (start < log.size()) {
         const std::size_t end = log.find('\n', start);
         const std::string line = log.substr(start, end - start);
-        std::smatch m;
-        if (std::regex_match(line, m, sampling))
-            lines.push_back({LogLine::Sampling, std::stoi(m[1]), std::stoi(m[2]), std::stoi(m[3])});
-        else if (std::regex_match(line, m, failed))
-            lines.push_back({LogLine::Failed, std::stoi(m[1]), std::stoi(m[2]), 0});
+        int run = 0, of = 0, attempt = 0;
+        char tail = 0;
+        if (std::sscanf(line.c_str(), "(NLS) SAMPLING FOR MULTISTART RUN %d OF %d (try #%d%c", &run, &of,
+                        &attempt, &tail) == 4 &&
+            tail == ')')
+            lines.push_back({LogLine::Sampling, run, of, attempt});
+        else if (std::sscanf(line.c_str(), "(NLS) multistart run #%d/#%d failed: close to singular matri%c",
+                             &run, &of, &tail) == 3 &&
+                 tail == 'x')
+            lines.push_back({LogLine::Failed, run, of, 0});
         else if (line.rfind("(NLS) stopped", 0) != 0 && line.rfind("(NLS) iter.", 0) != 0)
             lines.push_back({LogLine::Other, 0, 0, 0});
         start = end + 1;
