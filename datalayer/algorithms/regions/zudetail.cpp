@@ -85,32 +85,35 @@ std::uint16_t RowPass(int width, int height, const std::uint32_t* g, unsigned sh
     const T inf = static_cast<T>(width) + static_cast<T>(height);
     std::vector<T> s(static_cast<std::size_t>(width));
     std::vector<T> t(static_cast<std::size_t>(width));
+    std::vector<T> gs(static_cast<std::size_t>(width)); // g at s[q], kept beside it
     std::uint16_t maximum = 0;
     for (int y = 0; y < height; ++y) {
         const std::uint32_t* gRow = g + static_cast<std::size_t>(y) * width;
         unsigned short* out = result + static_cast<std::size_t>(y) * width;
-        auto gOf = [gRow](T i) { return static_cast<T>(gRow[static_cast<std::size_t>(i)]); };
         std::ptrdiff_t q = 0;
         s[0] = 0;
         t[0] = 0;
+        gs[0] = static_cast<T>(gRow[0]);
         for (T u = 1; u < width; ++u) {
-            const T gu = gOf(u);
-            while (q >= 0 && Metric::F(t[q], s[q], gOf(s[q])) > Metric::F(t[q], u, gu))
+            const T gu = static_cast<T>(gRow[static_cast<std::size_t>(u)]);
+            while (q >= 0 && Metric::F(t[q], s[q], gs[q]) > Metric::F(t[q], u, gu))
                 --q;
             if (q < 0) {
                 q = 0;
                 s[0] = u;
+                gs[0] = gu;
             } else {
-                const T w = 1 + Metric::Sep(s[q], u, gOf(s[q]), gu, inf);
+                const T w = 1 + Metric::Sep(s[q], u, gs[q], gu, inf);
                 if (w < width) {
                     ++q;
                     s[q] = u;
                     t[q] = w;
+                    gs[q] = gu;
                 }
             }
         }
         for (T u = width - 1; u >= 0; --u) {
-            const std::uint16_t d = static_cast<std::uint16_t>(Metric::Output(Metric::F(u, s[q], gOf(s[q]))));
+            const std::uint16_t d = static_cast<std::uint16_t>(Metric::Output(Metric::F(u, s[q], gs[q])));
             out[u] = d;
             maximum = std::max(maximum, d);
             if (u == t[q] && q > 0)

@@ -261,6 +261,20 @@ TEST(CPixelPolygonIterators, MarginAndCombinedIteratorsVisitEachPixelOnce)
     for (; moved; ++moved)
         ++counted;
     EXPECT_EQ(counted, r.GetArea());
+    // A copy taken in the middle of the margin goes on from the same pixel with the same order.
+    auto walker = r.GetAreaAndMarginIterator();
+    for (int k = 0; k < 5; ++k)
+        ++walker;
+    auto middle = walker;
+    auto assigned = r.GetAreaAndMarginIterator();
+    assigned = walker;
+    for (; walker; ++walker, ++middle, ++assigned) {
+        ASSERT_TRUE(middle);
+        EXPECT_EQ(middle->x, walker->x);
+        EXPECT_EQ(middle->y, walker->y);
+        EXPECT_EQ((*assigned).x, walker->x);
+    }
+    EXPECT_FALSE(middle);
 }
 
 TEST(CPixelPolygon, MarginPixelSetMergesRepeatedPixels)
