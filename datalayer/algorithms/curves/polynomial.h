@@ -4,7 +4,7 @@
 // (c[0] is the leading one); the roots go into the caller's array. Pure functions: any thread.
 //
 // Every function returns false and writes nothing when its leading coefficient is below
-// eps = 2.2204e-16 (Roots2, Roots3: by std::abs; Roots4: by the magnitude of its real part).
+// eps = 2.2204e-16 or NaN (Roots2, Roots3: by std::abs; Roots4: by the magnitude of its real part).
 // A null c or r also gives false. Zero tests inside use the same absolute eps, so the branch taken depends on
 // the scale of the coefficients; Roots3 and Roots4 are formulas for real coefficients (imaginary parts are
 // carried but the cubic's case choice and its second pair of roots assume real input). Choices made here:

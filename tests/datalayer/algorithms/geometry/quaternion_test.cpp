@@ -29,11 +29,6 @@ Quaternion FromEigen(Eigen::Quaterniond e)
     return {e.w(), e.x(), e.y(), e.z()};
 }
 
-Eigen::Quaterniond ToEigen(const Quaternion& q)
-{
-    return {q.w, q.x, q.y, q.z};
-}
-
 Eigen::Quaterniond RandomUnit(std::mt19937_64& engine)
 {
     std::normal_distribution<double> normal;

@@ -63,8 +63,9 @@ TEST(RayEllipsoidIntersection, RandomRaysLandOnTheSurface)
                 std::pow(p.x / radii.x, 2) + std::pow(p.y / radii.y, 2) + std::pow(p.z / radii.z, 2);
             EXPECT_NEAR(level, 1.0, 1e-9);
         }
-        if (n == 2)
+        if (n == 2) {
             EXPECT_LE(t[0], t[1]);
+        }
         // In unit-sphere space: o, d scaled; the line meets the sphere when its closest approach
         // is below 1; the origin inside gives exactly one forward hit.
         const LbVector3d o((origin.x - center.x) / radii.x, (origin.y - center.y) / radii.y,
