@@ -806,9 +806,16 @@ extern "C" toff_t tiffSize(thandle_t handle)
     return static_cast<TiffMemory*>(handle)->size;
 }
 
-extern "C" int tiffMap(thandle_t, void**, toff_t*)
+// Reading maps the caller's buffer (libtiff only reads through a read-only mapping); writing has
+// no mapping. libtiff 4.5 refuses small tiles when it has to read them through the read procedure.
+extern "C" int tiffMap(thandle_t handle, void** base, toff_t* size)
 {
-    return 0;
+    auto* memory = static_cast<TiffMemory*>(handle);
+    if (!memory->data)
+        return 0;
+    *base = const_cast<std::uint8_t*>(memory->data);
+    *size = memory->size;
+    return 1;
 }
 
 extern "C" void tiffUnmap(thandle_t, void*, toff_t) {}
@@ -914,12 +921,42 @@ bool decodeTiffDirect(TIFF* tiff, std::uint32_t width, std::uint32_t height, Rgb
     return true;
 }
 
+// True when the first image file directory lies wholly inside the file. libtiff forgives a
+// directory cut short at its end; this reader counts that as a truncated file.
+bool firstDirectoryComplete(const std::uint8_t* data, std::size_t size)
+{
+    const bool little = data[0] == 'I';
+    auto read = [&](std::uint64_t at, int bytes) {
+        std::uint64_t v = 0;
+        for (int i = 0; i < bytes; ++i)
+            v |= std::uint64_t(data[at + i]) << (8 * (little ? i : bytes - 1 - i));
+        return v;
+    };
+    const bool big = read(2, 2) == 43;
+    const std::uint64_t header = big ? 16 : 8;
+    if (size < header)
+        return false;
+    const std::uint64_t offset = big ? read(8, 8) : read(4, 4);
+    const std::uint64_t countBytes = big ? 8 : 2;
+    if (offset > size || size - offset < countBytes)
+        return false;
+    const std::uint64_t count = read(offset, int(countBytes));
+    const std::uint64_t entry = big ? 20 : 12, next = big ? 8 : 4;
+    if (count > (size - offset - countBytes) / entry)
+        return false;
+    return size - offset - countBytes - count * entry >= next;
+}
+
 bool decodeTiffInto(const std::uint8_t* data, std::size_t size, RgbImage& out, std::string& message)
 {
+    if (!firstDirectoryComplete(data, size)) {
+        message = "file is truncated";
+        return false;
+    }
     TiffMemory memory;
     memory.data = data;
     memory.size = size;
-    TIFF* tiff = openTiff(memory, "rm");
+    TIFF* tiff = openTiff(memory, "r");
     if (!tiff) {
         message = tiffMessage(memory, "cannot open");
         return false;

@@ -2,6 +2,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <random>
 #include <string>
+#include <tiffio.h>
 #include <unistd.h>
 #include <vector>
 #include <zlib.h>
@@ -557,6 +559,96 @@ TEST(ImageIO, BmpWithUnsupportedOrImpossibleHeadersIsRefused)
     EXPECT_FALSE(decodes(handMadeBmp(40000, 40000, 24, 0, {}), image, &error));
     EXPECT_NE(error.find("too large"), std::string::npos) << error;
     EXPECT_TRUE(image.rgb.empty());
+}
+
+// ---- TIFF layouts beyond the writer's own -----------------------------------------------------------
+
+// Writes a small TIFF with libtiff directly; `setTags` sets the layout, `rows` the raw samples.
+template <typename SetTags>
+Bytes libtiffFile(const std::string& path, SetTags setTags, const std::vector<Bytes>& rows,
+                  bool tiled = false, const char* mode = "w")
+{
+    TIFF* tiff = TIFFOpen(path.c_str(), mode);
+    EXPECT_NE(tiff, nullptr);
+    if (!tiff)
+        return {};
+    setTags(tiff);
+    if (tiled) {
+        TIFFSetField(tiff, TIFFTAG_TILEWIDTH, 16);
+        TIFFSetField(tiff, TIFFTAG_TILELENGTH, 16);
+        Bytes tile(16 * 16 * 3, 0);
+        for (std::size_t y = 0; y < rows.size(); ++y)
+            std::copy(rows[y].begin(), rows[y].end(), tile.begin() + y * 16 * 3);
+        TIFFWriteTile(tiff, tile.data(), 0, 0, 0, 0);
+    } else {
+        for (std::size_t y = 0; y < rows.size(); ++y)
+            TIFFWriteScanline(tiff, const_cast<std::uint8_t*>(rows[y].data()), static_cast<std::uint32_t>(y),
+                              0);
+    }
+    TIFFClose(tiff);
+    return readFile(path);
+}
+
+void basicTags(TIFF* tiff, int width, int height, int bits, int samples, int photometric)
+{
+    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits);
+    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, samples);
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, photometric);
+    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+}
+
+TEST(ImageIO, TiffSixteenBitMinIsWhitePaletteAndTiledFilesDecode)
+{
+    TempDir dir;
+    RgbImage image;
+    std::string error;
+    // 16-bit grey, host byte order as libtiff takes it: rounded to 8 bits.
+    const std::uint16_t wide[3] = {0, 32768, 65535};
+    Bytes row16(6);
+    std::memcpy(row16.data(), wide, 6);
+    Bytes file = libtiffFile(dir / "g16.tif",
+                             [](TIFF* t) { basicTags(t, 3, 1, 16, 1, PHOTOMETRIC_MINISBLACK); }, {row16});
+    ASSERT_TRUE(decodes(file, image, &error)) << error;
+    EXPECT_EQ(rgbAt(image, 1, 0), (std::array<int, 3>{128, 128, 128}));
+    EXPECT_EQ(rgbAt(image, 2, 0), (std::array<int, 3>{255, 255, 255}));
+    // Big-endian ("MM") files, whole and cut short by one byte.
+    file = libtiffFile(
+        dir / "be.tif", [](TIFF* t) { basicTags(t, 2, 1, 8, 1, PHOTOMETRIC_MINISBLACK); }, {{9, 250}}, false,
+        "wb");
+    ASSERT_EQ(file[0], 'M');
+    ASSERT_TRUE(decodes(file, image, &error)) << error;
+    EXPECT_EQ(rgbAt(image, 1, 0), (std::array<int, 3>{250, 250, 250}));
+    EXPECT_FALSE(decodes(Bytes(file.begin(), file.end() - 1), image, &error));
+    EXPECT_EQ(error, "TIFF: file is truncated");
+    // 8-bit "min is white": 0 is white.
+    file = libtiffFile(dir / "w.tif", [](TIFF* t) { basicTags(t, 2, 1, 8, 1, PHOTOMETRIC_MINISWHITE); },
+                       {{0, 200}});
+    ASSERT_TRUE(decodes(file, image, &error)) << error;
+    EXPECT_EQ(rgbAt(image, 0, 0), (std::array<int, 3>{255, 255, 255}));
+    EXPECT_EQ(rgbAt(image, 1, 0), (std::array<int, 3>{55, 55, 55}));
+    // 8-bit palette (16-bit colour map entries), through the RGBA conversion.
+    file = libtiffFile(dir / "p.tif",
+                       [](TIFF* t) {
+                           basicTags(t, 2, 1, 8, 1, PHOTOMETRIC_PALETTE);
+                           std::vector<std::uint16_t> r(256, 0), g(256, 0), b(256, 0);
+                           r[1] = 0xFFFF;
+                           g[2] = 0x8080;
+                           b[2] = 0xFFFF;
+                           TIFFSetField(t, TIFFTAG_COLORMAP, r.data(), g.data(), b.data());
+                       },
+                       {{1, 2}});
+    ASSERT_TRUE(decodes(file, image, &error)) << error;
+    EXPECT_EQ(rgbAt(image, 0, 0), (std::array<int, 3>{255, 0, 0}));
+    EXPECT_EQ(rgbAt(image, 1, 0), (std::array<int, 3>{0, 128, 255}));
+    // Tiled RGB, also through the RGBA conversion; the tile is larger than the 3 x 2 picture.
+    file = libtiffFile(
+        dir / "t.tif", [](TIFF* t) { basicTags(t, 3, 2, 8, 3, PHOTOMETRIC_RGB); },
+        {{1, 2, 3, 4, 5, 6, 7, 8, 9}, {10, 11, 12, 13, 14, 15, 16, 17, 18}}, true);
+    ASSERT_TRUE(decodes(file, image, &error)) << error;
+    EXPECT_EQ(rgbAt(image, 0, 0), (std::array<int, 3>{1, 2, 3}));
+    EXPECT_EQ(rgbAt(image, 2, 1), (std::array<int, 3>{16, 17, 18}));
 }
 
 // ---- everything else that isn't a picture ----------------------------------------------------------

@@ -180,8 +180,10 @@ void validate(const TargetSettings& s)
 {
     require(s.width >= 1 && s.height >= 1 && s.width <= (1 << 15) && s.height <= (1 << 15),
             "width and height must lie in 1..32768");
-    require(s.columns >= 1 && s.rows >= 1 && s.columns <= 10000 && s.rows <= 10000,
-            "columns and rows must lie in 1..10000");
+    require(std::int64_t(s.width) * s.height <= (std::int64_t(1) << 26),
+            "the picture may have 64 megapixels at most");
+    require(s.columns >= 1 && s.rows >= 1 && s.columns <= 1000 && s.rows <= 1000,
+            "columns and rows must lie in 1..1000");
     require(std::isfinite(s.spacing) && s.spacing > 0, "spacing must be positive");
     require(std::isfinite(s.diameter) && s.diameter > 0, "diameter must be positive");
     require(std::isfinite(s.ringRatio) && s.ringRatio > 0 && s.ringRatio < 1,

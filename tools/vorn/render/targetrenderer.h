@@ -26,8 +26,9 @@
 // linearly across the image), blurred with a Gaussian (replicated border), given Gaussian noise
 // from a fixed-seed generator, and rounded to 8 bits.
 //
-// Failure: invalid settings (sizes below 1, a mark behind the camera or crossing the horizon, a
-// singular homography, ...) throw std::invalid_argument naming the setting.
+// Failure: invalid settings (sizes below 1, more than 64 megapixels or 1000 marks a side, a mark
+// behind the camera or crossing the horizon, a singular homography, ...) throw
+// std::invalid_argument naming the setting.
 #include <array>
 #include <cstdint>
 #include <string>

@@ -308,6 +308,8 @@ TEST(TargetRenderer, InvalidSettingsThrowInvalidArgument)
     };
     throws([](TargetSettings& s) { s.width = 0; });
     throws([](TargetSettings& s) { s.columns = 0; });
+    throws([](TargetSettings& s) { s.rows = 1001; });
+    throws([](TargetSettings& s) { s.width = s.height = 9000; }); // 81 megapixels
     throws([](TargetSettings& s) { s.diameter = 0; });
     throws([](TargetSettings& s) { s.spacing = std::nan(""); });
     throws([](TargetSettings& s) { s.ringRatio = 1; });
