@@ -1,12 +1,20 @@
-# Runs `vorn` with ARGS (a ;-list) and checks its exit code against EXPECT_RC, its stderr against the
-# regular expression EXPECT_STDERR (when given), and that OUT_FILE (when given) holds a TSPLIB tour of
-# OUT_NODES nodes, each once.
+# Runs `vorn` with ARGS (a ;-list, or separated by "|") and checks its exit code against EXPECT_RC,
+# its stdout and stderr against the regular expressions EXPECT_STDOUT and EXPECT_STDERR (when
+# given), that the file ABSENT (when given) was not written, and that OUT_FILE (when given) holds a
+# TSPLIB tour of OUT_NODES nodes, each once.
+string(REPLACE "|" ";" ARGS "${ARGS}")
 execute_process(COMMAND ${VORN} ${ARGS} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT rc EQUAL EXPECT_RC)
   message(FATAL_ERROR "exit code ${rc}, expected ${EXPECT_RC}\nstdout: ${out}\nstderr: ${err}")
 endif()
 if(DEFINED EXPECT_STDERR AND NOT err MATCHES "${EXPECT_STDERR}")
   message(FATAL_ERROR "stderr does not match '${EXPECT_STDERR}':\n${err}")
+endif()
+if(DEFINED EXPECT_STDOUT AND NOT out MATCHES "${EXPECT_STDOUT}")
+  message(FATAL_ERROR "stdout does not match '${EXPECT_STDOUT}':\n${out}")
+endif()
+if(DEFINED ABSENT AND EXISTS "${ABSENT}")
+  message(FATAL_ERROR "${ABSENT} was written")
 endif()
 if(DEFINED OUT_FILE)
   file(STRINGS ${OUT_FILE} lines)
