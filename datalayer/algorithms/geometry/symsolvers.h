@@ -31,7 +31,7 @@ void JacobiIteration(double* a, double* eigenvalues, double* eigenvectors, int n
 
 /// Sorts values (n entries) ascending or descending by a quicksort with Hoare partition and the
 /// first element as pivot, swapping the columns of the n x n row-major vectors along. vectors may
-/// be null; n below 2 or null values: nothing happens. Terminates on NaN, in an unspecified order.
+/// be null; n below 2 or null values: nothing happens. Terminates on NaN, in an arbitrary order.
 void SortEigenV(double* values, double* vectors, int n, bool ascending);
 
 /// The rigid motion (R, t) that brings from[i] closest to to[i] (least squares, to ~ R from + t).

@@ -313,7 +313,7 @@ TEST(SymsolversSortEigenV, SortsLongListsLikeStdSortAndSurvivesNaN)
     EXPECT_TRUE(std::is_sorted(sorted.begin(), sorted.end()));
 
     double withNaN[5] = {2, kNaN, 1, kNaN, 0};
-    ss::SortEigenV(withNaN, nullptr, 5, true); // terminates; the order is unspecified
+    ss::SortEigenV(withNaN, nullptr, 5, true); // terminates; the order is arbitrary
     EXPECT_EQ(std::count_if(withNaN, withNaN + 5, [](double v) { return std::isnan(v); }), 2);
 }
 
