@@ -9,7 +9,6 @@
 #include "command.h"
 #include "demo.h"
 #include "distance.h"
-#include "findmarks.h"
 #include "graph.h"
 #include "raster.h"
 #include "register.h"
@@ -33,7 +32,6 @@ int main(int argc, char** argv)
         AddRegisterCommand(app),
         AddDistanceCommand(app),
         AddGraphCommand(app),
-        AddFindMarksCommand(app),
         AddCalibrateCommand(app),
     };
     // clang-format on

@@ -1,6 +1,6 @@
 #pragma once
 // Recommended settings for locating the marks of a calibration target with the Hough detector and
-// the grid position finder, as the `vorn find-marks` command uses them by default. The classes
+// the grid position finder, as `vorn calibrate` and `vorn demo` use them. The classes
 // themselves keep their own defaults (all limits 0.5); these values were chosen on rendered
 // targets (blur 1 px, noise 2 grey levels, mark diameter 20 px, spacing 50 px) so that every mark
 // is found under moderate tilt, under a tilt where the mark size varies threefold across the
