@@ -33,4 +33,26 @@ TVector<double> RandomVector(std::mt19937_64& engine, int n)
     return v;
 }
 
+TVector<double> Vec(std::initializer_list<double> values)
+{
+    TVector<double> v(static_cast<int>(values.size()));
+    int i = 0;
+    for (double value : values)
+        v[i++] = value;
+    return v;
+}
+
+TMatrix<double> Mat(std::initializer_list<std::initializer_list<double>> rows)
+{
+    TMatrix<double> a(static_cast<int>(rows.size()), static_cast<int>(rows.begin()->size()));
+    int r = 0;
+    for (const auto& row : rows) {
+        int c = 0;
+        for (double value : row)
+            a(r, c++) = value;
+        ++r;
+    }
+    return a;
+}
+
 } // namespace vorn2test

@@ -18,27 +18,8 @@ using DataLayer::CNLSObjectiveFunction;
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kEps = 2.220446049250313e-16;
 
-TVector<double> Vec(std::initializer_list<double> values)
-{
-    TVector<double> v(static_cast<int>(values.size()));
-    int i = 0;
-    for (double value : values)
-        v[i++] = value;
-    return v;
-}
-
-TMatrix<double> Mat(std::initializer_list<std::initializer_list<double>> rows)
-{
-    TMatrix<double> a(static_cast<int>(rows.size()), static_cast<int>(rows.begin()->size()));
-    int r = 0;
-    for (const auto& row : rows) {
-        int c = 0;
-        for (double value : row)
-            a(r, c++) = value;
-        ++r;
-    }
-    return a;
-}
+using vorn2test::Mat;
+using vorn2test::Vec;
 
 std::vector<int> Ints(const TVector<int>& v)
 {
